@@ -1,0 +1,63 @@
+#pragma once
+
+#include <QDateTime>
+#include <QList>
+#include <QMap>
+#include <QString>
+#include <QtGlobal>
+
+#include "FileLink.h"
+#include "SyncEnums.h"
+
+namespace sync {
+namespace config {
+
+// One file as the database, the disk or the server describes it. Copied by value everywhere.
+class FileConfiguration {
+public:
+    FileConfiguration() = default;
+    FileConfiguration(const FileConfiguration& other) { _CopyMembers(other); }
+    FileConfiguration& operator=(const FileConfiguration& other) {
+        if (this != &other) _CopyMembers(other);
+        return *this;
+    }
+    virtual ~FileConfiguration() = default;
+
+    bool operator==(const FileConfiguration& o) const;
+    bool operator!=(const FileConfiguration& o) const { return !(*this == o); }
+
+    int id = -1;
+    int folderId = -1;
+    int rootId = -1;
+    QString name;
+    QString localPath;
+    QString serverPath;
+    QString checksum;
+    QString contentType;  // kept for the host; the engine does not read it
+    QDateTime created;    // kept for the host; the engine does not read it
+    QDateTime lastModified;
+    qint64 size = 0;
+    int transferDirection = 0;  // 1 download, 2 upload, 3 local deletion
+    QMap<QString, QString> properties;
+    QDateTime lastTransferAttempt;  // time of the last transfer or deletion attempt
+    int inheritedId = -1;
+    int generatedKind = 0;  // kind of a generated file (2 = base copy)
+    int parentFileId = -1;
+    QString privilegeInfo;
+    int privileges = PrivilegeAll;
+    int isGenerated = 0;  // 1 for a file the engine generated from another record
+    QString serverFileId;
+    QString serverChecksum;
+    QList<FileLink> fileLinks;
+    QDateTime serverModified = QDateTime();  // UTC; kept for the host
+    FileSynchronizationStatus syncStatus = FileSynchronizationStatus::OutOfSync;
+    int referencesOnly = 0;
+    bool transferPending = false;
+    bool syncStatusSet = false;  // the status monitor has decided this record's status
+
+private:
+    void _CopyMembers(const FileConfiguration& o);
+};
+
+}  // namespace config
+}  // namespace sync

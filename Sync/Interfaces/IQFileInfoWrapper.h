@@ -1,0 +1,27 @@
+#pragma once
+
+#include <QDateTime>
+#include <QString>
+
+namespace sync {
+namespace interf {
+
+// One entry of the local disk, as the directory walker stands on it.
+class IQFileInfoWrapper {
+public:
+    virtual ~IQFileInfoWrapper() = default;
+    virtual QString AbsoluteFilePath() = 0;
+    virtual QString FileName() = 0;
+    // Size in bytes; 0 for a folder.
+    virtual qint64 Size() = 0;
+    // Modification time, local time spec.
+    virtual QDateTime LastModified() = 0;
+    virtual bool IsFile() = 0;
+    virtual bool IsDir() = 0;
+    virtual bool IsSymLink() = 0;
+    virtual bool IsHidden() = 0;
+    virtual bool Exists() = 0;
+};
+
+}  // namespace interf
+}  // namespace sync
