@@ -1,0 +1,66 @@
+#include "ConfigEntryInfoTreeRetriever.h"
+
+#include "SyncLog.h"
+#include "TransactionalScope.h"
+
+namespace sync {
+namespace syncService {
+
+using sync::config::FileConfiguration;
+using sync::config::FolderConfiguration;
+
+ConfigEntryInfoTreeRetriever::ConfigEntryInfoTreeRetriever(
+    std::shared_ptr<sync::interf::IFileConfigManager> fileConfigManager,
+    std::shared_ptr<sync::interf::IFolderConfigManager> folderConfigManager)
+    : _fileConfigManager(std::move(fileConfigManager)),
+      _folderConfigManager(std::move(folderConfigManager)) {}
+
+std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
+    FolderConfiguration& root) {
+    auto tree = std::make_shared<EntryInfoTree>();
+
+    const QVector<FileConfiguration> files = _fileConfigManager->GetFilesByRootId(root.id, false);
+    const QVector<FolderConfiguration> folders = _folderConfigManager->GetFoldersByRootId(root.id);
+
+    // Later records replace earlier ones under the same key: the last one returned is kept.
+    for (const FolderConfiguration& folder : folders)
+        tree->folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+    for (const FileConfiguration& file : files)
+        tree->fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+
+    if (files.size() != tree->fileMap.size()) _RemoveDuplicateFiles(files, *tree);
+    if (folders.size() != tree->folderMap.size()) _RemoveDuplicateFolders(folders, *tree);
+
+    // The tree already holds exactly the records that stay in the database.
+    return tree;
+}
+
+void ConfigEntryInfoTreeRetriever::_RemoveDuplicateFiles(const QVector<FileConfiguration>& files,
+                                                         const EntryInfoTree& tree) {
+    SYNC_LOG_WARN("%1 duplicate file(s) found in sync database. Removing duplicate files.",
+                  files.size() - tree.fileMap.size());
+    // The scope runs out without commit(): it keeps the removals unless an exception unwinds.
+    sync::database::TransactionalScope scope;
+    for (const FileConfiguration& file : files) {
+        const auto kept = tree.fileMap.constFind(EntryInfoTree::KeyOf(file.serverPath));
+        if (kept == tree.fileMap.constEnd() || kept->id == file.id) continue;
+        SYNC_LOG_WARN("Removing duplicate file from database: %1", file.localPath);
+        _fileConfigManager->RemoveFile(file.id);
+    }
+}
+
+void ConfigEntryInfoTreeRetriever::_RemoveDuplicateFolders(
+    const QVector<FolderConfiguration>& folders, const EntryInfoTree& tree) {
+    SYNC_LOG_WARN("%1 duplicate folder(s) found in sync database. Removing duplicate folders.",
+                  folders.size() - tree.folderMap.size());
+    sync::database::TransactionalScope scope;
+    for (const FolderConfiguration& folder : folders) {
+        const auto kept = tree.folderMap.constFind(EntryInfoTree::KeyOf(folder.serverPath));
+        if (kept == tree.folderMap.constEnd() || kept->id == folder.id) continue;
+        SYNC_LOG_WARN("Removing duplicate folder from database: %1", folder.localPath);
+        _folderConfigManager->RemoveFolder(folder.id);
+    }
+}
+
+}  // namespace syncService
+}  // namespace sync

@@ -1,0 +1,183 @@
+#include "LocalEntryInfoTreeRetriever.h"
+
+#include "ServerPaths.h"
+#include "SyncConsts.h"
+#include "SyncException.h"
+#include "SyncLog.h"
+
+namespace sync {
+namespace syncService {
+
+using sync::config::FileConfiguration;
+using sync::config::FolderConfiguration;
+
+namespace {
+
+// The engine's own scratch and backup folders are never content, whatever their letter case.
+bool IsInEngineFolder(const QString& pathBelowRoot) {
+    return pathBelowRoot.contains(sync::core::consts::TEMP_FOLDER_NAME, Qt::CaseInsensitive) ||
+           pathBelowRoot.contains(sync::core::consts::BASE_FOLDER_NAME, Qt::CaseInsensitive);
+}
+
+}  // namespace
+
+LocalEntryInfoTreeRetriever::LocalEntryInfoTreeRetriever(
+    std::shared_ptr<sync::interf::IFolderConfigManager> folderConfigManager,
+    std::shared_ptr<sync::interf::IFileConfigManager> fileConfigManager,
+    std::shared_ptr<sync::interf::factory::ICoreFactory> coreFactory,
+    std::shared_ptr<sync::interf::ISyncFilter> fileFilter,
+    std::shared_ptr<sync::interf::ISyncFilter> folderFilter)
+    : _folderConfigManager(std::move(folderConfigManager)),
+      _fileConfigManager(std::move(fileConfigManager)),
+      _coreFactory(std::move(coreFactory)),
+      _fileFilter(std::move(fileFilter)),
+      _folderFilter(std::move(folderFilter)) {}
+
+std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
+    FolderConfiguration& root) {
+    auto dirWrapper = _coreFactory->CreateQDirWrapper(std::make_shared<QDir>(root.localPath));
+    if (_RootFolderAppearsMissing(root, dirWrapper)) {
+        throw sync::core::SyncException(
+            QStringLiteral("The local root folder for %0 seems to be missing.")
+                .replace(QLatin1String("%0"), root.localPath));
+    }
+
+    auto tree = std::make_shared<EntryInfoTree>();
+    tree->folderMap.insert(EntryInfoTree::KeyOf(root.serverPath), root);
+
+    // The walker applies these itself, so links, hidden entries, "." and ".." never reach us.
+    // Not following links also keeps a link loop from walking forever.
+    QDir::Filters filters;
+    QDirIterator::IteratorFlags flags = QDirIterator::NoIteratorFlags;
+    if (root.syncScope == 1) {
+        filters = QDir::Files | QDir::NoSymLinks;
+    } else if (root.syncScope == 0) {
+        filters = QDir::Files | QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot;
+        flags = QDirIterator::Subdirectories;
+    } else {
+        // A scope that synchronises nothing: neither the walk nor the generated files.
+        return tree;
+    }
+    if (root.hasSyncOption(sync::config::SyncHiddenEntries)) filters |= QDir::Hidden;
+
+    auto checkForExit = _coreFactory->CreateCheckForExit();
+    const int rootLength = root.localPath.length();
+    auto walker = _coreFactory->CreateQDirIterator(root.localPath, filters, flags);
+
+    int filteredFiles = 0;
+    int filteredFolders = 0;
+    while (walker->HasNext()) {
+        walker->Next();
+        if (checkForExit->ShouldExit()) return tree;
+        auto info = walker->FileInfo();
+        const QString path = info->AbsoluteFilePath();
+        const QString pathBelowRoot = path.mid(rootLength);
+        if (info->IsFile()) {
+            if (IsInEngineFolder(pathBelowRoot)) continue;
+            FileConfiguration file;
+            file.localPath = path;
+            file.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
+            file.name = info->FileName();
+            file.lastModified = info->LastModified().toUTC();
+            file.size = info->Size();
+            file.rootId = root.rootId;
+            if (_FilterFile(root.localPath, path, file.size) || _FilterFileNameByMaxLength(file)) {
+                ++filteredFiles;
+                SYNC_LOG_DEBUG("Filtered out local file %1", path);
+            } else {
+                tree->fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+            }
+        } else if (info->IsDir()) {
+            if (IsInEngineFolder(pathBelowRoot)) continue;
+            FolderConfiguration folder;
+            folder.localPath = path;
+            folder.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
+            folder.path = folder.serverPath;
+            folder.name = info->FileName();
+            folder.lastModified = info->LastModified();
+            folder.rootId = root.rootId;
+            // A folder left out does not hide its content: each file below is judged alone.
+            if (_FilterFolder(root.localPath, path) || _FilterFolderNameByMaxLength(folder)) {
+                ++filteredFolders;
+                SYNC_LOG_DEBUG("Filtered out local folder %1", path);
+            } else {
+                tree->folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+            }
+        }
+    }
+    if (filteredFiles > 0 || filteredFolders > 0)
+        SYNC_LOG_INFO("Filtered out %1 local file(s) and %2 folder(s)", filteredFiles,
+                      filteredFolders);
+
+    _AddGeneratedFiles(root, *tree, *checkForExit);
+    return tree;
+}
+
+bool LocalEntryInfoTreeRetriever::_AddGeneratedFiles(const FolderConfiguration& root,
+                                                     EntryInfoTree& tree,
+                                                     sync::interf::ICheckForExit& checkForExit) {
+    const QVector<FileConfiguration> generated =
+        _fileConfigManager->GetGeneratedFilesByRootId(root.id, false);
+    for (const FileConfiguration& file : generated) {
+        if (checkForExit.ShouldExit()) return false;
+        auto fileWrapper = _coreFactory->CreateFileWrapper();
+        fileWrapper->SetFileName(file.localPath);
+        if (!fileWrapper->Exists()) {
+            SYNC_LOG_WARN("Generated file not found: %1", fileWrapper->FileName());
+            _fileConfigManager->RemoveGeneratedFile(file.id);
+            continue;
+        }
+        if (_fileConfigManager->GetFileById(file.parentFileId).id == -1) {
+            // Nothing would ever update or remove a file whose source record is gone.
+            SYNC_LOG_WARN(
+                "Parent file record not found for generated file: %1. Removing generated file.",
+                fileWrapper->FileName());
+            if (!fileWrapper->Remove())
+                SYNC_LOG_WARN("Failed to delete generated file: %1", fileWrapper->FileName());
+            _fileConfigManager->RemoveGeneratedFile(file.id);
+            continue;
+        }
+        tree.fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+    }
+    return true;
+}
+
+bool LocalEntryInfoTreeRetriever::_RootFolderAppearsMissing(
+    const FolderConfiguration& /*root*/,
+    const std::shared_ptr<sync::interf::IQDirWrapper>& dirWrapper) {
+    return !dirWrapper->Exists();
+}
+
+bool LocalEntryInfoTreeRetriever::_FilterFile(const QString& rootLocalPath, const QString& filePath,
+                                              qint64 size) {
+    if (_fileFilter->FilterFile(filePath.mid(rootLocalPath.length()), size, false) == 0)
+        return false;
+    Q_EMIT FileFilteredOut(filePath);
+    return true;
+}
+
+bool LocalEntryInfoTreeRetriever::_FilterFolder(const QString& rootLocalPath,
+                                                const QString& folderPath) {
+    if (_folderFilter->FilterFolder(folderPath.mid(rootLocalPath.length()), false) == 0)
+        return false;
+    Q_EMIT SubFolderNameNotAllowed(folderPath);
+    return true;
+}
+
+bool LocalEntryInfoTreeRetriever::_FilterFileNameByMaxLength(const FileConfiguration& file) {
+    if (file.localPath.length() < sync::core::consts::LOCAL_FILE_MAX_PATH) return false;
+    // A file in a folder that is itself too long is reported once, through its folder.
+    const int folderPathLength = file.localPath.length() - 1 - file.name.length();
+    if (folderPathLength < sync::core::consts::LOCAL_FOLDER_MAX_PATH)
+        Q_EMIT FileFilteredOut(file.localPath);
+    return true;
+}
+
+bool LocalEntryInfoTreeRetriever::_FilterFolderNameByMaxLength(const FolderConfiguration& folder) {
+    if (folder.localPath.length() < sync::core::consts::LOCAL_FOLDER_MAX_PATH) return false;
+    Q_EMIT FolderFilteredOut(folder.localPath);
+    return true;
+}
+
+}  // namespace syncService
+}  // namespace sync

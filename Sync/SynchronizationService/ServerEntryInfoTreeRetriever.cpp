@@ -1,0 +1,183 @@
+#include "ServerEntryInfoTreeRetriever.h"
+
+#include "HttpException.h"
+#include "SyncConsts.h"
+#include "SyncLog.h"
+
+namespace sync {
+namespace syncService {
+
+using sync::config::FileConfiguration;
+using sync::config::FolderConfiguration;
+using sync::config::FolderSynchronizationStatus;
+
+namespace {
+
+constexpr int kNotModified = 304;
+constexpr int kNotFound = 404;
+
+QString WithRootPath(const char* text, const FolderConfiguration& root) {
+    return QString::fromLatin1(text).replace(QLatin1String("%0"), root.serverPath);
+}
+
+}  // namespace
+
+ServerEntryInfoTreeRetriever::ServerEntryInfoTreeRetriever(
+    std::shared_ptr<sync::interf::IFolderConfigManager> folderConfigManager,
+    std::shared_ptr<sync::interf::IFileConfigManager> fileConfigManager,
+    std::shared_ptr<sync::interf::factory::ICoreFactory> coreFactory,
+    std::shared_ptr<sync::interf::factory::IRemoteFolderManagerFactory> remoteFolderManagerFactory,
+    std::shared_ptr<sync::interf::factory::IRemoteFileManagerFactory> remoteFileManagerFactory,
+    std::shared_ptr<sync::interf::ISyncFilter> fileFilter,
+    std::shared_ptr<sync::interf::ISyncFilter> folderFilter)
+    : _folderConfigManager(std::move(folderConfigManager)),
+      _fileConfigManager(std::move(fileConfigManager)),
+      _coreFactory(std::move(coreFactory)),
+      _remoteFolderManagerFactory(std::move(remoteFolderManagerFactory)),
+      _remoteFileManagerFactory(std::move(remoteFileManagerFactory)),
+      _fileFilter(std::move(fileFilter)),
+      _folderFilter(std::move(folderFilter)) {}
+
+std::shared_ptr<EntryInfoTree> ServerEntryInfoTreeRetriever::GetEntryInfoTree(
+    FolderConfiguration& root) {
+    auto tree = std::make_shared<EntryInfoTree>();
+    if (root.syncScope == 0)
+        _GetEntryInfoTree(root, *tree);
+    else if (root.syncScope == 1)
+        _GetRootEntryInfo(root, *tree);
+    return tree;
+}
+
+void ServerEntryInfoTreeRetriever::_GetEntryInfoTree(FolderConfiguration& root,
+                                                     EntryInfoTree& tree) {
+    treeModified = true;
+    auto folders = std::make_shared<QVector<FolderConfiguration>>();
+    auto files = std::make_shared<QVector<FileConfiguration>>();
+    const int result = _remoteFolderManagerFactory->CreateRemoteFolderManager(root.authenticationId)
+                           ->GetFolderTree(root, folders, files);
+    if (result == kNotModified) {
+        treeModified = false;
+        return;
+    }
+    if (result == kNotFound) {
+        // A root that was never synchronised may not have reached the server yet.
+        if (root.getSyncStatus() == FolderSynchronizationStatus::NotSynchronized) return;
+        throw sync::http::HttpException(
+            kNotFound, WithRootPath("The root folder: %0 doesn't exist on the server.", root));
+    }
+    if (result != 0) {
+        throw sync::http::HttpException(
+            result, WithRootPath("Failed to get server folder tree for root folder %0", root));
+    }
+
+    auto checkForExit = _coreFactory->CreateCheckForExit();
+    int filteredFiles = 0;
+    int filteredFolders = 0;
+    // An exit request leaves the tree incomplete and without its root record; the runner
+    // checks for exit itself right after this call.
+    if (!_AddFiles(*files, tree, *checkForExit, filteredFiles)) return;
+    if (!_AddFolders(*folders, tree, *checkForExit, filteredFolders)) return;
+    if (filteredFiles > 0 || filteredFolders > 0)
+        SYNC_LOG_INFO("Filtered out %1 server file(s) and %2 folder(s)", filteredFiles,
+                      filteredFolders);
+    tree.folderMap.insert(EntryInfoTree::KeyOf(root.serverPath), root);
+}
+
+void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
+                                                     EntryInfoTree& tree) {
+    treeModified = true;
+    auto files = std::make_shared<QVector<FileConfiguration>>();
+    const int result = _remoteFileManagerFactory->CreateRemoteFileManager(root.authenticationId)
+                           ->GetRootFiles(root, files);
+    if (result == kNotModified) {
+        treeModified = false;
+        return;
+    }
+    const bool neverSynchronized =
+        root.getSyncStatus() == FolderSynchronizationStatus::NotSynchronized;
+    if (result == kNotFound && !neverSynchronized) {
+        throw sync::http::HttpException(
+            kNotFound, WithRootPath("The root folder: %0 doesn't exist in server.", root));
+    }
+    if (result == 0) {
+        // The root's files belong in the tree: the server rules count every database file
+        // missing from it as deleted on the server.
+        auto checkForExit = _coreFactory->CreateCheckForExit();
+        int filteredFiles = 0;
+        if (!_AddFiles(*files, tree, *checkForExit, filteredFiles)) return;
+        if (filteredFiles > 0)
+            SYNC_LOG_INFO("Filtered out %1 server file(s) and %2 folder(s)", filteredFiles, 0);
+    } else if (result != kNotFound) {
+        // Without a listing the tree cannot say which files the server still has; diffing it
+        // would report every file of the root as deleted there.
+        SYNC_LOG_WARN(
+            "Failed to get server files of root folder %0 (status %1). Server changes are not "
+            "considered in this cycle.",
+            root.serverPath, result);
+        treeModified = false;
+    }
+    tree.folderMap.insert(EntryInfoTree::KeyOf(root.serverPath), root);
+}
+
+bool ServerEntryInfoTreeRetriever::_AddFiles(const QVector<FileConfiguration>& files,
+                                             EntryInfoTree& tree,
+                                             sync::interf::ICheckForExit& checkForExit,
+                                             int& filteredCount) {
+    for (const FileConfiguration& file : files) {
+        if (checkForExit.ShouldExit()) return false;
+        if (_FilterFile(file) || _FilterFileNameByMaxLength(file)) {
+            ++filteredCount;
+            SYNC_LOG_DEBUG("Filtered out server file %1", file.serverPath);
+            continue;
+        }
+        tree.fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+    }
+    return true;
+}
+
+bool ServerEntryInfoTreeRetriever::_AddFolders(const QVector<FolderConfiguration>& folders,
+                                               EntryInfoTree& tree,
+                                               sync::interf::ICheckForExit& checkForExit,
+                                               int& filteredCount) {
+    for (const FolderConfiguration& folder : folders) {
+        if (checkForExit.ShouldExit()) return false;
+        // A folder left out does not hide its files: each is judged on its own.
+        if (_FilterFolder(folder.serverPath) || _FilterFolderNameByMaxLength(folder)) {
+            ++filteredCount;
+            SYNC_LOG_DEBUG("Filtered out server folder %1", folder.serverPath);
+            continue;
+        }
+        tree.folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+    }
+    return true;
+}
+
+bool ServerEntryInfoTreeRetriever::_FilterFile(const FileConfiguration& file) {
+    if (_fileFilter->FilterFile(file.serverPath, file.size, true) == 0) return false;
+    Q_EMIT FileFilteredOut(file.serverPath);
+    return true;
+}
+
+bool ServerEntryInfoTreeRetriever::_FilterFolder(const QString& path) {
+    if (_folderFilter->FilterFolder(path, true) == 0) return false;
+    Q_EMIT FolderFilteredOut(path);
+    return true;
+}
+
+bool ServerEntryInfoTreeRetriever::_FilterFileNameByMaxLength(const FileConfiguration& file) {
+    if (file.localPath.length() < sync::core::consts::LOCAL_FILE_MAX_PATH) return false;
+    // A file in a folder that is itself too long is reported once, through its folder.
+    const int folderPathLength = file.localPath.length() - 1 - file.name.length();
+    if (folderPathLength < sync::core::consts::LOCAL_FOLDER_MAX_PATH)
+        Q_EMIT FileFilteredOut(file.serverPath);
+    return true;
+}
+
+bool ServerEntryInfoTreeRetriever::_FilterFolderNameByMaxLength(const FolderConfiguration& folder) {
+    if (folder.localPath.length() < sync::core::consts::LOCAL_FOLDER_MAX_PATH) return false;
+    Q_EMIT FolderFilteredOut(folder.serverPath);
+    return true;
+}
+
+}  // namespace syncService
+}  // namespace sync
