@@ -167,15 +167,6 @@ TEST(TreeDifferWalkTest, FolderCases) {
     }
 }
 
-TEST(TreeDifferWalkTest, EmptyTreesAskNoRule) {
-    EntryInfoTree config, other;
-    ScriptedDiffer differ(true);
-    const EntryInfoTreeChange change = differ.Diff(config, other, true);
-    EXPECT_TRUE(differ.asked.isEmpty());
-    EXPECT_TRUE(change.getFileActionMap().isEmpty());
-    EXPECT_TRUE(change.getFolderActionMap().isEmpty());
-}
-
 // A file new on both sides that the account may not download used to come out as Deleted on
 // the server side next to Added on the local side: a pair no resolver takes, so the root
 // folder failed in every cycle.
