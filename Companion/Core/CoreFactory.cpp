@@ -1,7 +1,13 @@
 #include "CoreFactory.h"
 
 #include <mutex>
-#include <stdexcept>
+
+#include "ConnectedToNetwork.h"
+#include "CryptographicHash.h"
+#include "LoggingActionLog.h"
+#include "QDirIteratorWrapper.h"
+#include "QDirWrapper.h"
+#include "QFileWrapper.h"
 
 namespace sync {
 namespace factory {
@@ -10,10 +16,8 @@ namespace {
 std::mutex g_mutex;
 std::shared_ptr<sync::interf::factory::ICoreFactory> g_delegate;
 std::shared_ptr<sync::interf::IActionLog> g_actionLog;
+QStringList g_serverUrls;
 
-[[noreturn]] void NotAvailable(const char* what) {
-    throw std::logic_error(std::string("Core service not available yet: ") + what);
-}
 }  // namespace
 
 void CoreFactory::SetDelegate(std::shared_ptr<sync::interf::factory::ICoreFactory> delegate) {
@@ -44,44 +48,60 @@ std::shared_ptr<sync::interf::IActionLog> CoreFactory::ActionLog() {
 
 std::shared_ptr<sync::interf::IQFileWrapper> CoreFactory::CreateRecycler() {
     if (auto d = Delegate()) return d->CreateRecycler();
-    NotAvailable("recycler");
+    return std::make_shared<sync::core::QFileWrapper>();
 }
 
 std::shared_ptr<sync::interf::IQDirWrapper> CoreFactory::CreateQDirWrapper(
     std::shared_ptr<QDir> dir) {
     if (auto d = Delegate()) return d->CreateQDirWrapper(std::move(dir));
-    NotAvailable("directory wrapper");
+    return std::make_shared<sync::core::QDirWrapper>(std::move(dir));
 }
 
 std::shared_ptr<sync::interf::IQFileWrapper> CoreFactory::CreateFileWrapper() {
     if (auto d = Delegate()) return d->CreateFileWrapper();
-    NotAvailable("file wrapper");
+    return std::make_shared<sync::core::QFileWrapper>();
 }
 
 std::shared_ptr<sync::interf::ICryptographicHash> CoreFactory::CreateCryptographicHash() {
     if (auto d = Delegate()) return d->CreateCryptographicHash();
-    NotAvailable("hash");
+    return std::make_shared<sync::core::CryptographicHash>();
 }
 
 std::shared_ptr<sync::interf::IConnectedToNetwork> CoreFactory::CreateConnectedToNetwork() {
     if (auto d = Delegate()) return d->CreateConnectedToNetwork();
-    NotAvailable("network state");
+    return std::make_shared<sync::core::ConnectedToNetwork>(ServerUrls());
 }
 
 std::shared_ptr<sync::interf::ICheckForExit> CoreFactory::CreateCheckForExit() {
     if (auto d = Delegate()) return d->CreateCheckForExit();
-    NotAvailable("exit checker");
+    return ExitChecker();
 }
 
 std::shared_ptr<sync::interf::IQDirIteratorWrapper> CoreFactory::CreateQDirIterator(
     const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags) {
     if (auto d = Delegate()) return d->CreateQDirIterator(path, filters, flags);
-    NotAvailable("directory walker");
+    return std::make_shared<sync::core::QDirIteratorWrapper>(path, filters, flags);
 }
 
 std::shared_ptr<sync::interf::IActionLog> CoreFactory::CreateActionLog() {
     if (auto d = Delegate()) return d->CreateActionLog();
-    NotAvailable("action log");
+    static const auto log = std::make_shared<sync::core::LoggingActionLog>();
+    return log;
+}
+
+std::shared_ptr<sync::core::CheckForExit> CoreFactory::ExitChecker() {
+    static const auto checker = std::make_shared<sync::core::CheckForExit>();
+    return checker;
+}
+
+void CoreFactory::SetServerUrls(const QStringList& serverUrls) {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    g_serverUrls = serverUrls;
+}
+
+QStringList CoreFactory::ServerUrls() {
+    std::lock_guard<std::mutex> lock(g_mutex);
+    return g_serverUrls;
 }
 
 }  // namespace factory

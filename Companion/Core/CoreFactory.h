@@ -1,7 +1,9 @@
 #pragma once
 
+#include <QStringList>
 #include <memory>
 
+#include "CheckForExit.h"
 #include "ICoreFactory.h"
 
 namespace sync {
@@ -30,6 +32,15 @@ public:
     // writes entries to the "sync" logger only.
     static std::shared_ptr<sync::interf::IActionLog> ActionLog();
     static void SetActionLog(std::shared_ptr<sync::interf::IActionLog> actionLog);
+
+    // The process-wide exit checker that CreateCheckForExit hands out when no delegate is
+    // installed; the host calls RequestExit() on it to stop the service.
+    static std::shared_ptr<sync::core::CheckForExit> ExitChecker();
+
+    // The base URLs of the configured servers, which CreateConnectedToNetwork checks; none
+    // (the default) means nothing remote is configured, and the machine counts as connected.
+    static void SetServerUrls(const QStringList& serverUrls);
+    static QStringList ServerUrls();
 
     // Every CoreFactory forwards to this factory while it is installed; nullptr uninstalls.
     static void SetDelegate(std::shared_ptr<sync::interf::factory::ICoreFactory> delegate);

@@ -1,0 +1,112 @@
+#include "QFileWrapper.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <climits>
+
+#include "PathHelpers.h"
+#include "QFileInfoWrapper.h"
+#include "SyncConsts.h"
+
+namespace sync {
+namespace core {
+
+namespace {
+
+// Makes a relative path one file name without losing which path it was: "/" becomes "%2F",
+// and the two characters that carry meaning in the result are escaped as well.
+QString FlattenRelativePath(const QString& relativePath) {
+    QString out;
+    out.reserve(relativePath.size() + 8);
+    for (const QChar c : relativePath) {
+        if (c == QLatin1Char('%'))
+            out += QLatin1String("%25");
+        else if (c == QLatin1Char('/'))
+            out += QLatin1String("%2F");
+        else if (c == QLatin1Char('~'))
+            out += QLatin1String("%7E");
+        else
+            out += c;
+    }
+    return out;
+}
+
+// The longest prefix of text whose UTF-8 form fits in maxBytes, never splitting a character.
+QString TruncateUtf8(const QString& text, int maxBytes) {
+    int bytes = 0;
+    int i = 0;
+    while (i < text.size()) {
+        const QChar c = text.at(i);
+        const bool pair = c.isHighSurrogate() && i + 1 < text.size();
+        const int width = pair ? 4 : c.unicode() < 0x80 ? 1 : c.unicode() < 0x800 ? 2 : 3;
+        if (bytes + width > maxBytes) break;
+        bytes += width;
+        i += pair ? 2 : 1;
+    }
+    return text.left(i);
+}
+
+}  // namespace
+
+QFileWrapper::QFileWrapper(const QString& path) : _path(path) {}
+
+void QFileWrapper::SetFileName(const QString& path) {
+    _path = path;
+}
+
+QString QFileWrapper::FileName() {
+    return _path.isEmpty() ? QString() : QFileInfo(_path).absoluteFilePath();
+}
+
+bool QFileWrapper::Exists() {
+    return Exists(_path);
+}
+
+bool QFileWrapper::Exists(const QString& path) {
+    return !path.isEmpty() && QFileInfo::exists(path);
+}
+
+std::shared_ptr<sync::interf::IQFileInfoWrapper> QFileWrapper::GetFileInfo() {
+    return std::make_shared<QFileInfoWrapper>(QFileInfo(_path));
+}
+
+bool QFileWrapper::Remove() {
+    if (_path.isEmpty()) return false;
+    if (QFile::remove(_path)) return true;
+    const QFileInfo info(_path);
+    return !info.exists() && !info.isSymLink();
+}
+
+bool QFileWrapper::SetPermissions(QFileDevice::Permissions permissions) {
+    return !_path.isEmpty() && QFile::setPermissions(_path, permissions);
+}
+
+QString QFileWrapper::GetTemporaryFile(const QString& rootPath) {
+    const QString root = QDir::cleanPath(QFileInfo(rootPath).absoluteFilePath());
+    const QString file = QDir::cleanPath(QFileInfo(_path).absoluteFilePath());
+    const QString relative = IsParentPath(root, file)
+                                 ? file.mid(root.size() + (root.endsWith(QLatin1Char('/')) ? 0 : 1))
+                                 : file;
+
+    const QString suffix = QLatin1Char('.') + consts::TEMP_FILE_EXTN;
+    const int maxNameBytes = NAME_MAX - suffix.toUtf8().size();
+    QString name = FlattenRelativePath(relative);
+    if (name.toUtf8().size() > maxNameBytes) {
+        // Escaped names never hold a bare "~", so a hashed name cannot equal an escaped one.
+        const QString hash = QString::fromLatin1(
+            QCryptographicHash::hash(relative.toUtf8(), QCryptographicHash::Sha256).toHex());
+        const QString tail = QLatin1Char('~') + hash;
+        name = TruncateUtf8(name, maxNameBytes - tail.size()) + tail;
+    }
+    return root + QLatin1Char('/') + consts::TEMP_FOLDER_NAME + QLatin1Char('/') + name + suffix;
+}
+
+bool QFileWrapper::MoveToTrash(const QString& path) {
+    if (path.isEmpty()) return false;
+    return QFile::moveToTrash(path);
+}
+
+}  // namespace core
+}  // namespace sync
