@@ -47,6 +47,10 @@ struct DuplicateRow {
     QStringList expectedWarnings;
 };
 
+void PrintTo(const DuplicateRow& row, std::ostream* os) {
+    *os << row.name;
+}
+
 const DuplicateRow kRows[] = {
     {"NoDuplicates",
      {{1, "/Docs"}, {2, "/Docs/Sub"}},

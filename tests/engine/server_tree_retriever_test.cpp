@@ -121,6 +121,10 @@ struct AnswerRow {
     bool expectTreeModified;
 };
 
+void PrintTo(const AnswerRow& row, std::ostream* os) {
+    *os << row.name;
+}
+
 const AnswerRow kAnswerRows[] = {
     {"WholeTreeOk", 0, 0, FolderSynchronizationStatus::Synchronized, 0, "", true, true},
     {"WholeTreeNotModified", 0, 304, FolderSynchronizationStatus::Synchronized, 0, "", false,
