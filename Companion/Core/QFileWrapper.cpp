@@ -4,6 +4,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QStandardPaths>
 #include <climits>
 
 #include "PathHelpers.h"
@@ -104,7 +105,21 @@ QString QFileWrapper::GetTemporaryFile(const QString& rootPath) {
 }
 
 bool QFileWrapper::MoveToTrash(const QString& path) {
-    if (path.isEmpty()) return false;
+    if (path.isEmpty() || !QFileInfo(path).exists()) return false;
+    // QFile::moveToTrash falls back to the home trash, $XDG_DATA_HOME/Trash, but creates only
+    // its last level; when it cannot have it, it "trashes" into ./files of the current
+    // directory and reports success. Make sure the home trash is there first, as the trash
+    // specification asks, and refuse otherwise: the file then stays where it is.
+    const QString dataHome = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
+    if (dataHome.isEmpty() || !QDir::isAbsolutePath(dataHome)) return false;
+    const QString homeTrash = dataHome + QLatin1String("/Trash");
+    if (!QFileInfo(homeTrash).isDir()) {
+        QDir().mkpath(dataHome);
+        QDir().mkdir(homeTrash);
+        QFile::setPermissions(
+            homeTrash, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+        if (!QFileInfo(homeTrash).isDir()) return false;
+    }
     return QFile::moveToTrash(path);
 }
 

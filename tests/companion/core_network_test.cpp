@@ -1,0 +1,67 @@
+#include <gtest/gtest.h>
+
+#include "ConnectedToNetwork.h"
+#include "CoreFactory.h"
+
+using sync::core::ConnectedToNetwork;
+
+namespace {
+
+TEST(ConnectedToNetworkTest, OnlyRemoteServersNeedANetwork) {
+    const struct {
+        const char* url;
+        bool needsNetwork;
+    } cases[] = {
+        {"/srv/sync/server", false},
+        {"file:///srv/sync/server", false},
+        {"relative/folder", false},
+        {"http://localhost:8080/dav", false},
+        {"https://LOCALHOST/dav", false},
+        {"http://dav.localhost/", false},
+        {"http://127.0.0.1/dav", false},
+        {"http://127.8.9.10:81/", false},
+        {"http://[::1]:8080/dav", false},
+        {"http://[::ffff:127.0.0.1]/", false},
+        {"https://dav.example.com/remote.php/dav", true},
+        {"http://192.168.1.5/dav", true},
+        {"http://128.0.0.1/", true},
+        {"http://[2001:db8::1]/", true},
+        {"http://localhost.example.com/", true},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(ConnectedToNetwork::NeedsNetwork(c.url), c.needsNetwork) << c.url;
+}
+
+TEST(ConnectedToNetworkTest, AnswersFromTheInterfacesOnlyWhenARemoteServerIsConfigured) {
+    const QString local = "/srv/server", loopback = "http://127.0.0.1:8080/dav",
+                  remote = "https://dav.example.com/";
+    const struct {
+        QStringList urls;
+        bool interfaceUp;
+        bool connected;
+    } cases[] = {
+        {{}, false, true},
+        {{local}, false, true},
+        {{loopback}, false, true},
+        {{local, loopback}, false, true},
+        {{remote}, false, false},
+        {{remote}, true, true},
+        {{loopback, remote}, false, false},
+    };
+    for (const auto& c : cases) {
+        ConnectedToNetwork network(c.urls, [&] { return c.interfaceUp; });
+        EXPECT_EQ(network.IsConnected(), c.connected) << c.urls.join(", ").toStdString();
+    }
+}
+
+TEST(ConnectedToNetworkTest, FactoryChecksTheInstalledServers) {
+    using sync::factory::CoreFactory;
+    CoreFactory::SetServerUrls({"http://localhost:8080/dav"});
+    EXPECT_TRUE(CoreFactory().CreateConnectedToNetwork()->IsConnected());
+    CoreFactory::SetServerUrls({"https://dav.example.com/"});
+    EXPECT_EQ(CoreFactory().CreateConnectedToNetwork()->IsConnected(),
+              ConnectedToNetwork::AnyNetworkInterfaceUp());
+    CoreFactory::SetServerUrls({});
+}
+
+}  // namespace
