@@ -1,156 +1,161 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ConfigEntryInfoTreeRetriever.h"
-#include "LogCapture.h"
-#include "RetrieverTestDoubles.h"
-#include "TransactionalScope.h"
+#include <QTemporaryDir>
 
-using namespace sync::test;
+#include "ConfigDatabase.h"
+#include "ConfigEntryInfoTreeRetriever.h"
+#include "FileConfigManager.h"
+#include "FolderConfigManager.h"
+#include "LogCapture.h"
+
 using sync::config::FileConfiguration;
 using sync::config::FolderConfiguration;
+using sync::database::ConfigDatabase;
 using sync::syncService::ConfigEntryInfoTreeRetriever;
-using ::testing::_;
-using ::testing::Invoke;
-using ::testing::NiceMock;
-using ::testing::Return;
 
 namespace {
 
-// Records the transaction calls and the removals in one timeline.
-class RecordingBackend : public sync::database::ITransactionBackend {
-public:
-    explicit RecordingBackend(QStringList& events) : _events(events) {}
-    void Begin(int depth) override { _events.append(QStringLiteral("begin %1").arg(depth)); }
-    void Commit(int depth) override { _events.append(QStringLiteral("commit %1").arg(depth)); }
-    void Rollback(int depth) noexcept override {
-        _events.append(QStringLiteral("rollback %1").arg(depth));
-    }
-
-private:
-    QStringList& _events;
-};
-
-struct Rec {
-    int id;
-    const char* serverPath;
-};
-
+// Records of one root in the order they are stored, and which of them the repair must keep.
 struct DuplicateRow {
     const char* name;
-    std::vector<Rec> folders;
-    std::vector<Rec> files;
-    // Keys and the ids kept under them, then the ids removed in order.
-    std::vector<Rec> keptFolders;
-    std::vector<Rec> keptFiles;
-    QStringList expectedEvents;
-    QStringList expectedWarnings;
+    QStringList folders;  // serverPaths below the root record "/Docs"
+    QStringList files;
+    QStringList keptFolders;  // serverPaths, root included
+    QStringList keptFiles;
+    QStringList warnings;
 };
 
 void PrintTo(const DuplicateRow& row, std::ostream* os) {
     *os << row.name;
 }
 
+QString LocalOf(const QString& serverPath) {
+    return QStringLiteral("/home/u") + serverPath;
+}
+
 const DuplicateRow kRows[] = {
     {"NoDuplicates",
-     {{1, "/Docs"}, {2, "/Docs/Sub"}},
-     {{10, "/Docs/a.txt"}, {11, "/Docs/Sub/a.txt"}},
-     {{1, "/docs"}, {2, "/docs/sub"}},
-     {{10, "/docs/a.txt"}, {11, "/docs/sub/a.txt"}},
-     {},
+     {"/Docs/Sub"},
+     {"/Docs/a.txt", "/Docs/Sub/a.txt"},
+     {"/Docs", "/Docs/Sub"},
+     {"/Docs/a.txt", "/Docs/Sub/a.txt"},
      {}},
     {"FilesDifferingInCase",
-     {{1, "/Docs"}},
-     {{10, "/Docs/A.txt"}, {11, "/docs/a.TXT"}},
-     {{1, "/docs"}},
-     {{11, "/docs/a.txt"}},
-     {"begin 0", "remove file 10", "commit 0"},
+     {},
+     {"/Docs/A.txt", "/Docs/b.txt", "/docs/a.TXT"},
+     {"/Docs"},
+     {"/docs/a.TXT", "/Docs/b.txt"},
      {"1 duplicate file(s) found in sync database. Removing duplicate files.",
       "Removing duplicate file from database: /home/u/Docs/A.txt"}},
     {"ThreeRecordsForOnePath",
-     {{1, "/Docs"}},
-     {{10, "/Docs/a.txt"}, {12, "/Docs/b.txt"}, {11, "/Docs/a.txt"}, {13, "/DOCS/A.TXT"}},
-     {{1, "/docs"}},
-     {{13, "/docs/a.txt"}, {12, "/docs/b.txt"}},
-     {"begin 0", "remove file 10", "remove file 11", "commit 0"},
+     {},
+     {"/Docs/a.txt", "/Docs/A.txt", "/DOCS/A.TXT"},
+     {"/Docs"},
+     {"/DOCS/A.TXT"},
      {"2 duplicate file(s) found in sync database. Removing duplicate files.",
       "Removing duplicate file from database: /home/u/Docs/a.txt",
-      "Removing duplicate file from database: /home/u/Docs/a.txt"}},
-    {"FoldersAndFilesEachInTheirOwnScope",
-     {{1, "/Docs"}, {2, "/Docs/Sub"}, {3, "/Docs/SUB"}},
-     {{10, "/Docs/a.txt"}, {11, "/Docs/a.txt"}},
-     {{1, "/docs"}, {3, "/docs/sub"}},
-     {{11, "/docs/a.txt"}},
-     {"begin 0", "remove file 10", "commit 0", "begin 0", "remove folder 2", "commit 0"},
+      "Removing duplicate file from database: /home/u/Docs/A.txt"}},
+    {"FoldersAndFiles",
+     {"/Docs/Sub", "/Docs/SUB"},
+     {"/Docs/Sub/x", "/Docs/SUB/X"},
+     {"/Docs", "/Docs/SUB"},
+     {"/Docs/SUB/X"},
      {"1 duplicate file(s) found in sync database. Removing duplicate files.",
-      "Removing duplicate file from database: /home/u/Docs/a.txt",
+      "Removing duplicate file from database: /home/u/Docs/Sub/x",
       "1 duplicate folder(s) found in sync database. Removing duplicate folders.",
       "Removing duplicate folder from database: /home/u/Docs/Sub"}},
-    {"EmptyRoot", {}, {}, {}, {}, {}, {}},
+    {"EmptyRoot", {}, {}, {"/Docs"}, {}, {}},
 };
 
 class ConfigDuplicateTest : public ::testing::TestWithParam<DuplicateRow> {
 protected:
     void SetUp() override {
-        sync::database::TransactionalScope::SetBackend(std::make_shared<RecordingBackend>(events));
+        ASSERT_TRUE(tmp.isValid());
+        dbPath = tmp.filePath(QStringLiteral("sync.db"));
+        Open();
+        root.authenticationId = 3;
+        root.serverPath = QStringLiteral("/Docs");
+        root.localPath = LocalOf(root.serverPath);
+        root.name = QStringLiteral("Docs");
+        ASSERT_TRUE(folders->AddFolder(root));
     }
-    void TearDown() override { sync::database::TransactionalScope::SetBackend(nullptr); }
-    QStringList events;
+    void TearDown() override { Close(); }
+
+    void Open() {
+        db = ConfigDatabase::Open(dbPath);
+        ConfigDatabase::Install(db);
+        folders = std::make_shared<sync::database::FolderConfigManager>(db);
+        files = std::make_shared<sync::database::FileConfigManager>(db);
+    }
+    void Close() {
+        ConfigDatabase::Uninstall();
+        files.reset();
+        folders.reset();
+        db.reset();
+    }
+
+    QTemporaryDir tmp;
+    QString dbPath;
+    std::shared_ptr<ConfigDatabase> db;
+    std::shared_ptr<sync::database::FolderConfigManager> folders;
+    std::shared_ptr<sync::database::FileConfigManager> files;
+    FolderConfiguration root;
 };
 
-QString LocalOf(const char* serverPath) {
-    return QStringLiteral("/home/u") + QString::fromLatin1(serverPath);
+QStringList Sorted(QStringList list) {
+    list.sort();
+    return list;
 }
 
-TEST_P(ConfigDuplicateTest, KeepsTheLastRecordAndRemovesTheOthers) {
+TEST_P(ConfigDuplicateTest, KeepsTheLastRecordAndRemovesTheOthersForGood) {
     const DuplicateRow& row = GetParam();
-    QVector<FolderConfiguration> folders;
-    for (const Rec& r : row.folders) {
+    for (const QString& serverPath : row.folders) {
         FolderConfiguration f;
-        f.id = r.id;
-        f.rootId = 1;
-        f.serverPath = QString::fromLatin1(r.serverPath);
-        f.localPath = LocalOf(r.serverPath);
-        folders.append(f);
+        f.rootId = root.id;
+        f.parentId = root.id;
+        f.authenticationId = root.authenticationId;
+        f.serverPath = serverPath;
+        f.localPath = LocalOf(serverPath);
+        ASSERT_TRUE(folders->AddFolder(f));
     }
-    QVector<FileConfiguration> files;
-    for (const Rec& r : row.files) {
+    for (const QString& serverPath : row.files) {
         FileConfiguration f;
-        f.id = r.id;
-        f.rootId = 1;
-        f.serverPath = QString::fromLatin1(r.serverPath);
-        f.localPath = LocalOf(r.serverPath);
-        files.append(f);
+        f.rootId = root.id;
+        f.folderId = root.id;
+        f.serverPath = serverPath;
+        f.localPath = LocalOf(serverPath);
+        ASSERT_TRUE(files->AddFile(f));
     }
-    auto fileDb = std::make_shared<NiceMock<MockFileConfigManager>>();
-    auto folderDb = std::make_shared<NiceMock<MockFolderConfigManager>>();
-    EXPECT_CALL(*fileDb, GetFilesByRootId(1, false)).WillOnce(Return(files));
-    EXPECT_CALL(*folderDb, GetFoldersByRootId(1)).WillOnce(Return(folders));
-    ON_CALL(*fileDb, RemoveFile(_)).WillByDefault(Invoke([this](int id) {
-        events.append(QStringLiteral("remove file %1").arg(id));
-    }));
-    ON_CALL(*folderDb, RemoveFolder(_)).WillByDefault(Invoke([this](int id) {
-        events.append(QStringLiteral("remove folder %1").arg(id));
-    }));
 
-    FolderConfiguration root;
-    root.id = 1;
-    root.rootId = 1;
-    LogCapture log;
-    ConfigEntryInfoTreeRetriever retriever(fileDb, folderDb);
-    auto tree = retriever.GetEntryInfoTree(root);
+    sync::test::LogCapture log;
+    auto tree = ConfigEntryInfoTreeRetriever(files, folders).GetEntryInfoTree(root);
 
     ASSERT_TRUE(tree);
-    EXPECT_EQ(static_cast<int>(row.keptFolders.size()), tree->folderMap.size());
-    for (const Rec& kept : row.keptFolders)
-        EXPECT_EQ(kept.id, tree->folderMap.value(QString::fromLatin1(kept.serverPath)).id)
-            << kept.serverPath;
-    EXPECT_EQ(static_cast<int>(row.keptFiles.size()), tree->fileMap.size());
-    for (const Rec& kept : row.keptFiles)
-        EXPECT_EQ(kept.id, tree->fileMap.value(QString::fromLatin1(kept.serverPath)).id)
-            << kept.serverPath;
-    EXPECT_EQ(row.expectedEvents, events);
-    EXPECT_EQ(row.expectedWarnings, log.Messages(log4cplus::WARN_LOG_LEVEL));
+    QStringList treeFolders, treeFiles;
+    for (auto it = tree->folderMap.cbegin(); it != tree->folderMap.cend(); ++it) {
+        EXPECT_EQ(it.key(), it->serverPath.toLower());
+        treeFolders.append(it->serverPath);
+    }
+    for (auto it = tree->fileMap.cbegin(); it != tree->fileMap.cend(); ++it) {
+        EXPECT_EQ(it.key(), it->serverPath.toLower());
+        treeFiles.append(it->serverPath);
+    }
+    EXPECT_EQ(Sorted(row.keptFolders), Sorted(treeFolders));
+    EXPECT_EQ(Sorted(row.keptFiles), Sorted(treeFiles));
+    EXPECT_EQ(row.warnings, log.Messages(log4cplus::WARN_LOG_LEVEL));
+
+    // The repair is in the file: a fresh connection sees only the kept records, and the next
+    // retrieval has nothing left to repair.
+    Close();
+    Open();
+    QStringList storedFolders, storedFiles;
+    for (const auto& f : folders->GetFoldersByRootId(root.id)) storedFolders.append(f.serverPath);
+    for (const auto& f : files->GetFilesByRootId(root.id, false)) storedFiles.append(f.serverPath);
+    EXPECT_EQ(Sorted(row.keptFolders), Sorted(storedFolders));
+    EXPECT_EQ(Sorted(row.keptFiles), Sorted(storedFiles));
+    log.Clear();
+    ConfigEntryInfoTreeRetriever(files, folders).GetEntryInfoTree(root);
+    EXPECT_TRUE(log.Messages(log4cplus::WARN_LOG_LEVEL).isEmpty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Duplicates, ConfigDuplicateTest, ::testing::ValuesIn(kRows),
