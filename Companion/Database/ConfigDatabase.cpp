@@ -260,14 +260,14 @@ qint64 PragmaInt(ConfigDatabase::Impl& impl, const char* sql) {
     return q.Step() ? q.Int64(0) : 0;
 }
 
-void CheckIntegrity(ConfigDatabase::Impl& impl) {
-    // Reading the schema is what tells a database from any other file; quick_check then reads
-    // every page, which finds a truncated or overwritten file before a manager trips over it.
+// Reading the schema is what tells a database from any other file; quick_check then reads
+// every page, which finds a truncated or overwritten file before a manager trips over it.
+// Answers quick_check's verdict ("ok" for a sound file).
+QString CheckIntegrity(ConfigDatabase::Impl& impl) {
     Query count(impl, "SELECT count(*) FROM sqlite_master");
     count.Step();
     Query check(impl, "PRAGMA quick_check(1)");
-    const QString verdict = check.Step() ? check.Text(0) : QString();
-    if (verdict != QLatin1String("ok")) throw impl.Error("the file is damaged: " + verdict);
+    return check.Step() ? check.Text(0) : QString();
 }
 
 void Migrate(ConfigDatabase::Impl& impl, int fromVersion) {
@@ -335,20 +335,26 @@ std::shared_ptr<ConfigDatabase> ConfigDatabase::Open(const QString& path, Mode m
         throw impl->Error(QStringLiteral("the file is read-only"));
 
     int version = 0;
+    qint64 applicationId = 0;
+    qint64 tables = 0;
+    QString verdict;
     try {
-        CheckIntegrity(*impl);
-        const qint64 applicationId = PragmaInt(*impl, "PRAGMA application_id");
+        verdict = CheckIntegrity(*impl);
+        applicationId = PragmaInt(*impl, "PRAGMA application_id");
         version = static_cast<int>(PragmaInt(*impl, "PRAGMA user_version"));
-        const qint64 tables = PragmaInt(*impl, "SELECT count(*) FROM sqlite_master");
-        if (applicationId != 0 && applicationId != DatabaseSchema::ApplicationId)
-            throw impl->Error(QStringLiteral("the file belongs to another program"));
-        if (applicationId == 0 && tables > 0)
-            throw impl->Error(QStringLiteral("the file is not a synchronisation database"));
-    } catch (const std::exception& e) {
-        const QString what = QString::fromUtf8(e.what());
-        if (what.startsWith(QStringLiteral("Configuration database"))) throw;
-        throw impl->Error(QStringLiteral("not a readable database: %1").arg(what));
+        tables = PragmaInt(*impl, "SELECT count(*) FROM sqlite_master");
+    } catch (const std::exception&) {
+        const int code = sqlite3_errcode(impl->Handle());
+        const QString message = QString::fromUtf8(sqlite3_errmsg(impl->Handle()));
+        if (code == SQLITE_CORRUPT) throw impl->Error("the file is damaged: " + message);
+        if (code == SQLITE_NOTADB) throw impl->Error("not a readable database: " + message);
+        throw impl->Error("the file cannot be read: " + message);
     }
+    if (verdict != QLatin1String("ok")) throw impl->Error("the file is damaged: " + verdict);
+    if (applicationId != 0 && applicationId != DatabaseSchema::ApplicationId)
+        throw impl->Error(QStringLiteral("the file belongs to another program"));
+    if (applicationId == 0 && tables > 0)
+        throw impl->Error(QStringLiteral("the file is not a synchronisation database"));
     if (version > DatabaseSchema::LatestVersion())
         throw impl->Error(QStringLiteral("schema version %1 was written by a newer release; this "
                                          "release reads up to version %2")
