@@ -155,6 +155,7 @@ Synchronizer::Synchronizer(
       _folderFilter(std::move(folderFilter)) {
     // SyncResults crosses to the host's thread by value; it must be known before connecting.
     sync::core::RegisterSyncMetaTypes();
+    if (!_coreFactory) _coreFactory = std::make_shared<sync::factory::CoreFactory>();
     _checkForExit = _coreFactory->CreateCheckForExit();
     _connectedToNetwork = _coreFactory->CreateConnectedToNetwork();
     _ConnectSignals();

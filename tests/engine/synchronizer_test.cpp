@@ -146,6 +146,13 @@ sync::syncService::FileSyncTask FileTask(sync::syncService::SyncTaskType type,
                                            nullptr, nullptr);
 }
 
+template <class T>
+using Nice = std::shared_ptr<NiceMock<T>>;
+template <class T>
+Nice<T> MakeNice() {
+    return std::make_shared<NiceMock<T>>();
+}
+
 class SynchronizerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -226,41 +233,24 @@ protected:
     QMap<int, SyncResults> engineResults;
     Emitted emitted;
 
-    std::shared_ptr<NiceMock<MockAuthenticationConfigManager>> auth =
-        std::make_shared<NiceMock<MockAuthenticationConfigManager>>();
-    std::shared_ptr<NiceMock<MockServerConfigManager>> serverConfig =
-        std::make_shared<NiceMock<MockServerConfigManager>>();
-    std::shared_ptr<NiceMock<MockSyncHostApplication>> host =
-        std::make_shared<NiceMock<MockSyncHostApplication>>();
-    std::shared_ptr<NiceMock<MockFileConfigManager>> fileDb =
-        std::make_shared<NiceMock<MockFileConfigManager>>();
-    std::shared_ptr<NiceMock<MockFolderConfigManager>> folderDb =
-        std::make_shared<NiceMock<MockFolderConfigManager>>();
-    std::shared_ptr<NiceMock<MockRemoteFolderManagerFactory>> remoteFactory =
-        std::make_shared<NiceMock<MockRemoteFolderManagerFactory>>();
-    std::shared_ptr<NiceMock<MockRemoteFolderManager>> remote =
-        std::make_shared<NiceMock<MockRemoteFolderManager>>();
-    std::shared_ptr<NiceMock<MockQDirWrapper>> dir = std::make_shared<NiceMock<MockQDirWrapper>>();
-    std::shared_ptr<NiceMock<MockSyncTaskEngine>> engine =
-        std::make_shared<NiceMock<MockSyncTaskEngine>>();
-    std::shared_ptr<NiceMock<MockCoreFactory>> coreFactory =
-        std::make_shared<NiceMock<MockCoreFactory>>();
-    std::shared_ptr<NiceMock<MockCheckForExit>> checkForExit =
-        std::make_shared<NiceMock<MockCheckForExit>>();
-    std::shared_ptr<NiceMock<MockConnectedToNetwork>> network =
-        std::make_shared<NiceMock<MockConnectedToNetwork>>();
-    std::shared_ptr<NiceMock<MockValidateLoginCredentials>> credentials =
-        std::make_shared<NiceMock<MockValidateLoginCredentials>>();
-    std::shared_ptr<NiceMock<MockEntryInfoTreeRetriever>> localRetriever =
-        std::make_shared<NiceMock<MockEntryInfoTreeRetriever>>();
-    std::shared_ptr<NiceMock<MockEntryInfoTreeRetriever>> configRetriever =
-        std::make_shared<NiceMock<MockEntryInfoTreeRetriever>>();
-    std::shared_ptr<NiceMock<MockEntryInfoTreeRetriever>> serverRetriever =
-        std::make_shared<NiceMock<MockEntryInfoTreeRetriever>>();
-    std::shared_ptr<NiceMock<MockSynchronizeRunner>> runner =
-        std::make_shared<NiceMock<MockSynchronizeRunner>>();
-    std::shared_ptr<NiceMock<MockActionLog>> actionLog =
-        std::make_shared<NiceMock<MockActionLog>>();
+    Nice<MockAuthenticationConfigManager> auth = MakeNice<MockAuthenticationConfigManager>();
+    Nice<MockServerConfigManager> serverConfig = MakeNice<MockServerConfigManager>();
+    Nice<MockSyncHostApplication> host = MakeNice<MockSyncHostApplication>();
+    Nice<MockFileConfigManager> fileDb = MakeNice<MockFileConfigManager>();
+    Nice<MockFolderConfigManager> folderDb = MakeNice<MockFolderConfigManager>();
+    Nice<MockRemoteFolderManagerFactory> remoteFactory = MakeNice<MockRemoteFolderManagerFactory>();
+    Nice<MockRemoteFolderManager> remote = MakeNice<MockRemoteFolderManager>();
+    Nice<MockQDirWrapper> dir = MakeNice<MockQDirWrapper>();
+    Nice<MockSyncTaskEngine> engine = MakeNice<MockSyncTaskEngine>();
+    Nice<MockCoreFactory> coreFactory = MakeNice<MockCoreFactory>();
+    Nice<MockCheckForExit> checkForExit = MakeNice<MockCheckForExit>();
+    Nice<MockConnectedToNetwork> network = MakeNice<MockConnectedToNetwork>();
+    Nice<MockValidateLoginCredentials> credentials = MakeNice<MockValidateLoginCredentials>();
+    Nice<MockEntryInfoTreeRetriever> localRetriever = MakeNice<MockEntryInfoTreeRetriever>();
+    Nice<MockEntryInfoTreeRetriever> configRetriever = MakeNice<MockEntryInfoTreeRetriever>();
+    Nice<MockEntryInfoTreeRetriever> serverRetriever = MakeNice<MockEntryInfoTreeRetriever>();
+    Nice<MockSynchronizeRunner> runner = MakeNice<MockSynchronizeRunner>();
+    Nice<MockActionLog> actionLog = MakeNice<MockActionLog>();
 };
 
 // ---------------------------------------------------------------------------------------------
