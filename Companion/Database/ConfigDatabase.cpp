@@ -1,6 +1,5 @@
 #include "ConfigDatabase.h"
 
-#include <QDataStream>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -165,86 +164,152 @@ void OperationSavepoint::Release() {
 
 namespace codec {
 
-namespace {
-// Fixed so that files move between builds against Qt 5 and Qt 6.
-constexpr QDataStream::Version kStreamVersion = QDataStream::Qt_5_15;
+// The layout is QDataStream's (version 5.15): a big-endian quint32 count, then the values; a
+// string is a big-endian quint32 byte length (0xFFFFFFFF for a null string) and UTF-16BE. It is
+// written and read by hand because a QDataStream per record costs more than the whole row.
 
-template <typename Writer>
-QByteArray Encode(Writer write) {
+namespace {
+
+class Writer {
+public:
+    void UInt32(quint32 v) {
+        const char bytes[4] = {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
+        blob.append(bytes, 4);
+    }
+    void Int64(qint64 value) {
+        const quint64 v = static_cast<quint64>(value);
+        UInt32(static_cast<quint32>(v >> 32));
+        UInt32(static_cast<quint32>(v));
+    }
+    void String(const QString& s) {
+        if (s.isNull()) {
+            UInt32(0xFFFFFFFFu);
+            return;
+        }
+        UInt32(static_cast<quint32>(s.size() * 2));
+        for (const QChar c : s) {
+            const ushort u = c.unicode();
+            const char bytes[2] = {char(u >> 8), char(u)};
+            blob.append(bytes, 2);
+        }
+    }
     QByteArray blob;
-    QDataStream out(&blob, QIODevice::WriteOnly);
-    out.setVersion(kStreamVersion);
-    write(out);
-    return blob;
-}
+};
+
+class Reader {
+public:
+    explicit Reader(const QByteArray& blob)
+        : _p(reinterpret_cast<const uchar*>(blob.constData())), _end(_p + blob.size()) {}
+    bool ok() const { return _ok; }
+    quint32 UInt32() {
+        if (_end - _p < 4) return _Fail();
+        const quint32 v = (quint32(_p[0]) << 24) | (quint32(_p[1]) << 16) | (quint32(_p[2]) << 8) |
+                          quint32(_p[3]);
+        _p += 4;
+        return v;
+    }
+    qint64 Int64() {
+        const quint64 high = UInt32();
+        const quint64 low = UInt32();
+        return static_cast<qint64>((high << 32) | low);
+    }
+    QString String() {
+        const quint32 bytes = UInt32();
+        if (!_ok || bytes == 0xFFFFFFFFu) return QString();
+        if (bytes % 2 != 0 || quint32(_end - _p) < bytes) {
+            _Fail();
+            return QString();
+        }
+        QString s(static_cast<int>(bytes / 2), Qt::Uninitialized);
+        QChar* out = s.data();
+        for (quint32 i = 0; i < bytes / 2; ++i)
+            out[i] = QChar(static_cast<ushort>((_p[2 * i] << 8) | _p[2 * i + 1]));
+        _p += bytes;
+        return s;
+    }
+
+private:
+    quint32 _Fail() {
+        _ok = false;
+        _p = _end;
+        return 0;
+    }
+    const uchar* _p;
+    const uchar* _end;
+    bool _ok = true;
+};
+
 }  // namespace
 
 QByteArray EncodeProperties(const QMap<QString, QString>& properties) {
     if (properties.isEmpty()) return QByteArray();
-    return Encode([&](QDataStream& out) {
-        out << static_cast<quint32>(properties.size());
-        for (auto it = properties.cbegin(); it != properties.cend(); ++it)
-            out << it.key() << it.value();
-    });
+    Writer w;
+    w.UInt32(static_cast<quint32>(properties.size()));
+    for (auto it = properties.cbegin(); it != properties.cend(); ++it) {
+        w.String(it.key());
+        w.String(it.value());
+    }
+    return w.blob;
 }
 
 QMap<QString, QString> DecodeProperties(const QByteArray& blob) {
     QMap<QString, QString> properties;
     if (blob.isEmpty()) return properties;
-    QDataStream in(blob);
-    in.setVersion(kStreamVersion);
-    quint32 count = 0;
-    in >> count;
-    for (quint32 i = 0; i < count && in.status() == QDataStream::Ok; ++i) {
-        QString key, value;
-        in >> key >> value;
-        properties.insert(key, value);
+    Reader r(blob);
+    const quint32 count = r.UInt32();
+    for (quint32 i = 0; i < count && r.ok(); ++i) {
+        QString key = r.String();
+        QString value = r.String();
+        if (r.ok()) properties.insert(key, value);
     }
     return properties;
 }
 
 QByteArray EncodeFileLinks(const QList<sync::config::FileLink>& links) {
     if (links.isEmpty()) return QByteArray();
-    return Encode([&](QDataStream& out) {
-        out << static_cast<quint32>(links.size());
-        for (const auto& link : links) out << link.linkId << link.target << link.kind << link.extra;
-    });
+    Writer w;
+    w.UInt32(static_cast<quint32>(links.size()));
+    for (const auto& link : links) {
+        w.Int64(link.linkId);
+        w.String(link.target);
+        w.String(link.kind);
+        w.String(link.extra);
+    }
+    return w.blob;
 }
 
 QList<sync::config::FileLink> DecodeFileLinks(const QByteArray& blob) {
     QList<sync::config::FileLink> links;
     if (blob.isEmpty()) return links;
-    QDataStream in(blob);
-    in.setVersion(kStreamVersion);
-    quint32 count = 0;
-    in >> count;
-    for (quint32 i = 0; i < count && in.status() == QDataStream::Ok; ++i) {
+    Reader r(blob);
+    const quint32 count = r.UInt32();
+    for (quint32 i = 0; i < count && r.ok(); ++i) {
         sync::config::FileLink link;
-        in >> link.linkId >> link.target >> link.kind >> link.extra;
-        links.append(link);
+        link.linkId = r.Int64();
+        link.target = r.String();
+        link.kind = r.String();
+        link.extra = r.String();
+        if (r.ok()) links.append(link);
     }
     return links;
 }
 
 QByteArray EncodeStrings(const QVector<QString>& strings) {
     if (strings.isEmpty()) return QByteArray();
-    return Encode([&](QDataStream& out) {
-        out << static_cast<quint32>(strings.size());
-        for (const auto& s : strings) out << s;
-    });
+    Writer w;
+    w.UInt32(static_cast<quint32>(strings.size()));
+    for (const auto& s : strings) w.String(s);
+    return w.blob;
 }
 
 QVector<QString> DecodeStrings(const QByteArray& blob) {
     QVector<QString> strings;
     if (blob.isEmpty()) return strings;
-    QDataStream in(blob);
-    in.setVersion(kStreamVersion);
-    quint32 count = 0;
-    in >> count;
-    for (quint32 i = 0; i < count && in.status() == QDataStream::Ok; ++i) {
-        QString s;
-        in >> s;
-        strings.append(s);
+    Reader r(blob);
+    const quint32 count = r.UInt32();
+    for (quint32 i = 0; i < count && r.ok(); ++i) {
+        QString s = r.String();
+        if (r.ok()) strings.append(s);
     }
     return strings;
 }
@@ -321,8 +386,10 @@ std::shared_ptr<ConfigDatabase> ConfigDatabase::Open(const QString& path, Mode m
 
     std::unique_ptr<SQLite::Database> db;
     try {
+        // One thread uses a connection, so SQLite's per-call connection mutex is pure cost.
         const int flags =
-            readOnly ? SQLite::OPEN_READONLY : (SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE);
+            SQLite::OPEN_NOMUTEX |
+            (readOnly ? SQLite::OPEN_READONLY : (SQLite::OPEN_READWRITE | SQLite::OPEN_CREATE));
         db = std::make_unique<SQLite::Database>(QFile::encodeName(path).toStdString(), flags,
                                                 kBusyTimeoutMs);
     } catch (const std::exception& e) {

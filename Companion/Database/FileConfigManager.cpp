@@ -55,10 +55,11 @@ const char* const kUpdate =
     "server_modified_zone = ?28, sync_status = ?29, references_only = ?30, "
     "transfer_pending = ?31, sync_status_set = ?32 WHERE id = ?33";
 const char* const kDelete = "DELETE FROM files WHERE id = ?1";
+const char* const kCountByRoot =
+    "SELECT count(*) FROM files WHERE root_id = ?1 AND (?2 OR is_generated = 0)";
 const char* const kDeleteGenerated = "DELETE FROM files WHERE id = ?1 AND is_generated <> 0";
 
-FileConfiguration ReadFile(const Query& q) {
-    FileConfiguration f;
+void ReadFile(const Query& q, FileConfiguration& f) {
     f.id = q.Int(0);
     f.folderId = q.Int(1);
     f.rootId = q.Int(2);
@@ -88,6 +89,11 @@ FileConfiguration ReadFile(const Query& q) {
     f.referencesOnly = q.Int(30);
     f.transferPending = q.Int(31) != 0;
     f.syncStatusSet = q.Int(32) != 0;
+}
+
+FileConfiguration ReadFile(const Query& q) {
+    FileConfiguration f;
+    ReadFile(q, f);
     return f;
 }
 
@@ -122,9 +128,14 @@ void BindFile(Query& q, const FileConfiguration& f) {
     q.Bind(32, f.syncStatusSet);
 }
 
-QVector<FileConfiguration> ReadAll(Query& q) {
+// Records are filled in place: a populated record is expensive to copy.
+QVector<FileConfiguration> ReadAll(Query& q, int expected = 0) {
     QVector<FileConfiguration> files;
-    while (q.Step()) files.append(ReadFile(q));
+    files.reserve(expected);
+    while (q.Step()) {
+        files.append(FileConfiguration());
+        ReadFile(q, files.last());
+    }
     return files;
 }
 
@@ -160,9 +171,16 @@ FileConfiguration FileConfigManager::GetFileByPath(const QString& localPath, int
 }
 
 QVector<FileConfiguration> FileConfigManager::GetFilesByRootId(int rootId, bool generatedToo) {
+    int expected = 0;
+    {
+        Query count(_database->impl(), kCountByRoot);
+        count.Bind(1, rootId);
+        count.Bind(2, generatedToo);
+        if (count.Step()) expected = count.Int(0);
+    }
     Query q(_database->impl(), generatedToo ? kAllByRoot : kByRoot);
     q.Bind(1, rootId);
-    return ReadAll(q);
+    return ReadAll(q, expected);
 }
 
 QVector<FileConfiguration> FileConfigManager::GetGeneratedFilesByRootId(int rootId, bool) {
