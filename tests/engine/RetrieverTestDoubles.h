@@ -6,33 +6,15 @@
 #include <QVector>
 #include <memory>
 
+#include "CoreFactory.h"
 #include "ICheckForExit.h"
-#include "ICoreFactory.h"
 #include "IFileConfigManager.h"
-#include "IFolderConfigManager.h"
 #include "IRemoteFileManagerFactory.h"
 #include "IRemoteFolderManagerFactory.h"
 #include "ISyncFilter.h"
 
 namespace sync {
 namespace test {
-
-class MockRetrieverCoreFactory : public sync::interf::factory::ICoreFactory {
-public:
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQFileWrapper>, CreateRecycler, (), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQDirWrapper>, CreateQDirWrapper,
-                (std::shared_ptr<QDir> dir), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQFileWrapper>, CreateFileWrapper, (), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::ICryptographicHash>, CreateCryptographicHash, (),
-                (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IConnectedToNetwork>, CreateConnectedToNetwork, (),
-                (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::ICheckForExit>, CreateCheckForExit, (), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQDirIteratorWrapper>, CreateQDirIterator,
-                (const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags),
-                (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IActionLog>, CreateActionLog, (), (override));
-};
 
 // Answers "stop" from the n-th question on (never when n is negative).
 class CountingCheckForExit : public sync::interf::ICheckForExit {
@@ -42,6 +24,21 @@ public:
     bool ShouldExitThread() override { return false; }
     int stopAt;
     int asked = 0;
+};
+
+// The machine's own core services, with an exit checker and, optionally, a walker that the
+// test controls.
+class TestCoreFactory : public sync::factory::CoreFactory {
+public:
+    explicit TestCoreFactory(std::shared_ptr<sync::interf::ICheckForExit> exit)
+        : exit(std::move(exit)) {}
+    std::shared_ptr<sync::interf::ICheckForExit> CreateCheckForExit() override { return exit; }
+    std::shared_ptr<sync::interf::IQDirIteratorWrapper> CreateQDirIterator(
+        const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags) override {
+        return walker ? walker : CoreFactory::CreateQDirIterator(path, filters, flags);
+    }
+    std::shared_ptr<sync::interf::ICheckForExit> exit;
+    std::shared_ptr<sync::interf::IQDirIteratorWrapper> walker;
 };
 
 // Excludes the paths it is given (compared exactly) and records what it was asked.
@@ -63,23 +60,6 @@ public:
     QStringList askedFolders;
     QVector<qint64> sizes;
     QVector<bool> sides;
-};
-
-class MockFolderConfigManager : public sync::interf::IFolderConfigManager {
-public:
-    using Folder = sync::config::FolderConfiguration;
-    MOCK_METHOD(Folder, GetFolderById, (int), (override));
-    MOCK_METHOD(Folder, GetFolderByPath, (const QString&, int), (override));
-    MOCK_METHOD(QVector<Folder>, GetFoldersByRootId, (int), (override));
-    MOCK_METHOD(QVector<Folder>, GetFoldersOfMissingRootFolders, (), (override));
-    MOCK_METHOD(bool, UpdateFolder, (const Folder&), (override));
-    MOCK_METHOD(bool, AddFolder, (Folder&), (override));
-    MOCK_METHOD(void, RemoveFolder, (int), (override));
-    MOCK_METHOD(bool, DeleteFolderById, (int), (override));
-    MOCK_METHOD(QVector<Folder>, GetRootFolders, (), (override));
-    MOCK_METHOD(bool, IsAuthenticationInUse, (int), (override));
-    MOCK_METHOD(void, ReleaseMemory, (), (override));
-    MOCK_METHOD(bool, RemoveRootFolder, (int), (override));
 };
 
 class MockFileConfigManager : public sync::interf::IFileConfigManager {

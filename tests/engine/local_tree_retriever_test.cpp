@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QTemporaryDir>
 
-#include "CoreFactory.h"
 #include "LocalEntryInfoTreeRetriever.h"
 #include "LogCapture.h"
 #include "RetrieverTestDoubles.h"
@@ -24,41 +23,6 @@ using ::testing::NiceMock;
 using ::testing::Return;
 
 namespace {
-
-// The machine's own core services, with an exit checker the test controls.
-class RealCoreWithExit : public sync::interf::factory::ICoreFactory {
-public:
-    explicit RealCoreWithExit(std::shared_ptr<sync::interf::ICheckForExit> exit)
-        : _exit(std::move(exit)) {}
-    std::shared_ptr<sync::interf::IQFileWrapper> CreateRecycler() override {
-        return _core.CreateRecycler();
-    }
-    std::shared_ptr<sync::interf::IQDirWrapper> CreateQDirWrapper(
-        std::shared_ptr<QDir> dir) override {
-        return _core.CreateQDirWrapper(std::move(dir));
-    }
-    std::shared_ptr<sync::interf::IQFileWrapper> CreateFileWrapper() override {
-        return _core.CreateFileWrapper();
-    }
-    std::shared_ptr<sync::interf::ICryptographicHash> CreateCryptographicHash() override {
-        return _core.CreateCryptographicHash();
-    }
-    std::shared_ptr<sync::interf::IConnectedToNetwork> CreateConnectedToNetwork() override {
-        return _core.CreateConnectedToNetwork();
-    }
-    std::shared_ptr<sync::interf::ICheckForExit> CreateCheckForExit() override { return _exit; }
-    std::shared_ptr<sync::interf::IQDirIteratorWrapper> CreateQDirIterator(
-        const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags) override {
-        return _core.CreateQDirIterator(path, filters, flags);
-    }
-    std::shared_ptr<sync::interf::IActionLog> CreateActionLog() override {
-        return _core.CreateActionLog();
-    }
-
-private:
-    sync::factory::CoreFactory _core;
-    std::shared_ptr<sync::interf::ICheckForExit> _exit;
-};
 
 void WriteFile(const QString& path, const QByteArray& content = "data") {
     QDir().mkpath(QFileInfo(path).absolutePath());
@@ -87,8 +51,8 @@ protected:
 
         ON_CALL(*fileDb, GetGeneratedFilesByRootId(_, _))
             .WillByDefault(Return(QVector<FileConfiguration>{}));
-        retriever = std::make_unique<LocalEntryInfoTreeRetriever>(
-            folderDb, fileDb, std::make_shared<RealCoreWithExit>(checkForExit), filter, filter);
+        retriever =
+            std::make_unique<LocalEntryInfoTreeRetriever>(nullptr, fileDb, core, filter, filter);
         QObject::connect(retriever.get(), &LocalEntryInfoTreeRetriever::FileFilteredOut,
                          [this](const QString& p) { fileSignals.append(p); });
         QObject::connect(retriever.get(), &LocalEntryInfoTreeRetriever::FolderFilteredOut,
@@ -105,9 +69,8 @@ protected:
     std::shared_ptr<CountingCheckForExit> checkForExit = std::make_shared<CountingCheckForExit>();
     std::shared_ptr<NiceMock<MockFileConfigManager>> fileDb =
         std::make_shared<NiceMock<MockFileConfigManager>>();
-    std::shared_ptr<NiceMock<MockFolderConfigManager>> folderDb =
-        std::make_shared<NiceMock<MockFolderConfigManager>>();
     std::shared_ptr<ListSyncFilter> filter = std::make_shared<ListSyncFilter>();
+    std::shared_ptr<TestCoreFactory> core = std::make_shared<TestCoreFactory>(checkForExit);
     std::unique_ptr<LocalEntryInfoTreeRetriever> retriever;
     QStringList fileSignals, folderSignals, notAllowedSignals;
 };
@@ -279,38 +242,30 @@ TEST_F(LocalTreeRetrieverTest, LengthLimits) {
     EXPECT_TRUE(fileSignals.isEmpty());
 }
 
-// The disk cannot hold a path of LOCAL_FILE_MAX_PATH characters (PATH_MAX counts the final
-// NUL), so the file test is fed through a walker that reports such an entry.
-class OneEntryWalker : public sync::interf::IQDirIteratorWrapper {
+// A path of LOCAL_FILE_MAX_PATH characters cannot be opened or stat'ed by path (PATH_MAX counts
+// the final NUL), so such files are fed through a walker that lists them by name.
+class FileListWalker : public sync::interf::IQDirIteratorWrapper,
+                       public sync::interf::IQFileInfoWrapper {
 public:
-    class Info : public sync::interf::IQFileInfoWrapper {
-    public:
-        Info(QString path, bool dir) : _path(std::move(path)), _dir(dir) {}
-        QString AbsoluteFilePath() override { return _path; }
-        QString FileName() override { return _path.section(QLatin1Char('/'), -1); }
-        qint64 Size() override { return 1; }
-        QDateTime LastModified() override { return QDateTime::currentDateTime(); }
-        bool IsFile() override { return !_dir; }
-        bool IsDir() override { return _dir; }
-        bool IsSymLink() override { return false; }
-        bool IsHidden() override { return false; }
-        bool Exists() override { return true; }
-
-    private:
-        QString _path;
-        bool _dir;
-    };
-    explicit OneEntryWalker(QList<std::shared_ptr<Info>> entries) : _entries(std::move(entries)) {}
-    std::shared_ptr<sync::interf::IQFileInfoWrapper> FileInfo() override { return _current; }
-    bool HasNext() override { return !_entries.isEmpty(); }
-    QString Next() override {
-        _current = _entries.takeFirst();
-        return _current->AbsoluteFilePath();
+    explicit FileListWalker(QStringList paths) : _paths(std::move(paths)) {}
+    std::shared_ptr<sync::interf::IQFileInfoWrapper> FileInfo() override {
+        return std::shared_ptr<sync::interf::IQFileInfoWrapper>(this, [](auto*) {});
     }
+    bool HasNext() override { return !_paths.isEmpty(); }
+    QString Next() override { return _current = _paths.takeFirst(); }
+    QString AbsoluteFilePath() override { return _current; }
+    QString FileName() override { return _current.section(QLatin1Char('/'), -1); }
+    qint64 Size() override { return 1; }
+    QDateTime LastModified() override { return QDateTime::currentDateTime(); }
+    bool IsFile() override { return true; }
+    bool IsDir() override { return false; }
+    bool IsSymLink() override { return false; }
+    bool IsHidden() override { return false; }
+    bool Exists() override { return true; }
 
 private:
-    QList<std::shared_ptr<Info>> _entries;
-    std::shared_ptr<Info> _current;
+    QStringList _paths;
+    QString _current;
 };
 
 TEST_F(LocalTreeRetrieverTest, FileAtTheLengthLimitIsLeftOutAndReportedUnlessItsFolderIs) {
@@ -326,28 +281,14 @@ TEST_F(LocalTreeRetrieverTest, FileAtTheLengthLimitIsLeftOutAndReportedUnlessIts
     ASSERT_EQ(LOCAL_FILE_MAX_PATH, atLimit.size());
     ASSERT_EQ(LOCAL_FOLDER_MAX_PATH, longFolder.size());
 
-    auto core = std::make_shared<NiceMock<MockRetrieverCoreFactory>>();
-    sync::factory::CoreFactory real;
-    ON_CALL(*core, CreateQDirWrapper(_)).WillByDefault([&real](std::shared_ptr<QDir> dir) {
-        return real.CreateQDirWrapper(dir);
-    });
-    ON_CALL(*core, CreateCheckForExit()).WillByDefault(Return(checkForExit));
-    using Info = OneEntryWalker::Info;
-    ON_CALL(*core, CreateQDirIterator(_, _, _))
-        .WillByDefault(Return(std::make_shared<OneEntryWalker>(QList<std::shared_ptr<Info>>{
-            std::make_shared<Info>(atLimit, false), std::make_shared<Info>(belowLimit, false),
-            std::make_shared<Info>(inLongFolder, false)})));
-    LocalEntryInfoTreeRetriever walker(folderDb, fileDb, core, filter, filter);
-    QStringList signalled;
-    QObject::connect(&walker, &LocalEntryInfoTreeRetriever::FileFilteredOut,
-                     [&signalled](const QString& p) { signalled.append(p); });
+    core->walker = std::make_shared<FileListWalker>(QStringList{atLimit, belowLimit, inLongFolder});
     LogCapture log;
 
-    auto tree = walker.GetEntryInfoTree(root);
+    auto tree = retriever->GetEntryInfoTree(root);
 
     ASSERT_EQ(1, tree->fileMap.size());
     EXPECT_EQ(belowLimit, tree->fileMap.begin()->localPath);
-    EXPECT_EQ(QStringList{atLimit}, signalled);
+    EXPECT_EQ(QStringList{atLimit}, fileSignals);
     EXPECT_EQ(1, log.Count(log4cplus::INFO_LOG_LEVEL,
                            QStringLiteral("Filtered out 2 local file(s) and 0 folder(s)")));
 }

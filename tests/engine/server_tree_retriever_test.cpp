@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "ConfigEntryInfoTreeRetriever.h"
 #include "HttpException.h"
 #include "LogCapture.h"
 #include "RetrieverTestDoubles.h"
@@ -17,11 +16,9 @@ using sync::syncService::EntryAction;
 using sync::syncService::EntryInfoTree;
 using sync::syncService::ServerEntryInfoTreeRetriever;
 using ::testing::_;
-using ::testing::DoAll;
 using ::testing::Invoke;
 using ::testing::NiceMock;
 using ::testing::Return;
-using ::testing::StrictMock;
 
 namespace {
 
@@ -64,7 +61,6 @@ protected:
         root.syncScope = 0;
         root.setSyncStatus(FolderSynchronizationStatus::Synchronized);
 
-        ON_CALL(*coreFactory, CreateCheckForExit()).WillByDefault(Return(checkForExit));
         ON_CALL(*folderFactory, CreateRemoteFolderManager(7)).WillByDefault(Return(folderManager));
         ON_CALL(*fileFactory, CreateRemoteFileManager(7)).WillByDefault(Return(fileManager));
         retriever = std::make_unique<ServerEntryInfoTreeRetriever>(
@@ -94,8 +90,7 @@ protected:
 
     FolderConfiguration root;
     std::shared_ptr<CountingCheckForExit> checkForExit = std::make_shared<CountingCheckForExit>();
-    std::shared_ptr<NiceMock<MockRetrieverCoreFactory>> coreFactory =
-        std::make_shared<NiceMock<MockRetrieverCoreFactory>>();
+    std::shared_ptr<TestCoreFactory> coreFactory = std::make_shared<TestCoreFactory>(checkForExit);
     std::shared_ptr<NiceMock<MockRemoteFolderManager>> folderManager =
         std::make_shared<NiceMock<MockRemoteFolderManager>>();
     std::shared_ptr<NiceMock<MockRemoteFileManager>> fileManager =
@@ -266,19 +261,6 @@ INSTANTIATE_TEST_SUITE_P(Walks, ServerFilterTest, ::testing::Values(0, 1), [](co
     return std::string(info.param == 0 ? "WholeTree" : "RootOnly");
 });
 
-TEST_F(ServerTreeRetrieverTest, EntriesDifferingOnlyInCaseMeetUnderOneKeyTheLaterWins) {
-    FileConfiguration first = ServerFile(QStringLiteral("Report.TXT"));
-    FileConfiguration second = ServerFile(QStringLiteral("report.txt"));
-    ServerAnswers(0, {ServerFolder(QStringLiteral("Sub")), ServerFolder(QStringLiteral("SUB"))},
-                  {first, second});
-    auto tree = retriever->GetEntryInfoTree(root);
-    ASSERT_EQ(1, tree->fileMap.size());
-    EXPECT_EQ(second.serverPath,
-              tree->fileMap.value(QStringLiteral("/docs/report.txt")).serverPath);
-    EXPECT_EQ(QStringLiteral("/Docs/SUB"),
-              tree->folderMap.value(QStringLiteral("/docs/sub")).serverPath);
-}
-
 TEST_F(ServerTreeRetrieverTest, ExitRequestLeavesTheTreeIncompleteAndWithoutRoot) {
     checkForExit->stopAt = 2;
     ServerAnswers(0, {ServerFolder(QStringLiteral("Sub"))},
@@ -292,30 +274,21 @@ TEST_F(ServerTreeRetrieverTest, ExitRequestLeavesTheTreeIncompleteAndWithoutRoot
 // case than the database holds them: the server rules must report no deletion.
 TEST_F(ServerTreeRetrieverTest, RootOnlyFilesOnTheServerAreNotReportedDeleted) {
     root.syncScope = 1;
-    auto dbFile = [](const QString& below) {
+    EntryInfoTree configTree;
+    configTree.folderMap.insert(QStringLiteral("/docs"), root);
+    for (const QString& below : {QStringLiteral("report.txt"), QStringLiteral("gone.txt")}) {
         FileConfiguration f = ServerFile(below);
-        f.id = 10 + below.size();
-        f.rootId = 1;
         f.syncStatus = sync::config::FileSynchronizationStatus::Synchronized;
-        return f;
-    };
-    auto fileDb = std::make_shared<NiceMock<MockFileConfigManager>>();
-    auto folderDb = std::make_shared<NiceMock<MockFolderConfigManager>>();
-    ON_CALL(*fileDb, GetFilesByRootId(1, false))
-        .WillByDefault(Return(QVector<FileConfiguration>{dbFile(QStringLiteral("report.txt")),
-                                                         dbFile(QStringLiteral("gone.txt"))}));
-    ON_CALL(*folderDb, GetFoldersByRootId(1))
-        .WillByDefault(Return(QVector<FolderConfiguration>{root}));
+        configTree.fileMap.insert(f.serverPath.toLower(), f);
+    }
     FileConfiguration onServer = ServerFile(QStringLiteral("REPORT.txt"));
     onServer.serverChecksum = QStringLiteral("sum-report.txt");
     ServerAnswers(0, {}, {onServer});
 
-    sync::syncService::ConfigEntryInfoTreeRetriever configRetriever(fileDb, folderDb);
-    auto configTree = configRetriever.GetEntryInfoTree(root);
     auto serverTree = retriever->GetEntryInfoTree(root);
     ASSERT_TRUE(retriever->IsTreeModified());
     sync::syncService::ServerConfigTreeDiffer differ;
-    const auto change = differ.Diff(*configTree, *serverTree, true);
+    const auto change = differ.Diff(configTree, *serverTree, true);
 
     const auto actions = change.getFileActionMap();
     EXPECT_FALSE(actions.contains(QStringLiteral("/docs/report.txt")));
