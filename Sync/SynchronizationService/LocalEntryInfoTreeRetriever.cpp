@@ -113,13 +113,13 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
     return tree;
 }
 
-bool LocalEntryInfoTreeRetriever::_AddGeneratedFiles(const FolderConfiguration& root,
+void LocalEntryInfoTreeRetriever::_AddGeneratedFiles(const FolderConfiguration& root,
                                                      EntryInfoTree& tree,
                                                      sync::interf::ICheckForExit& checkForExit) {
     const QVector<FileConfiguration> generated =
         _fileConfigManager->GetGeneratedFilesByRootId(root.id, false);
     for (const FileConfiguration& file : generated) {
-        if (checkForExit.ShouldExit()) return false;
+        if (checkForExit.ShouldExit()) return;
         auto fileWrapper = _coreFactory->CreateFileWrapper();
         fileWrapper->SetFileName(file.localPath);
         if (!fileWrapper->Exists()) {
@@ -139,7 +139,6 @@ bool LocalEntryInfoTreeRetriever::_AddGeneratedFiles(const FolderConfiguration& 
         }
         tree.fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
     }
-    return true;
 }
 
 bool LocalEntryInfoTreeRetriever::_RootFolderAppearsMissing(

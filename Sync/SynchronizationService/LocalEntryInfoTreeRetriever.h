@@ -42,8 +42,8 @@ private:
     bool _FilterFolder(const QString& rootLocalPath, const QString& folderPath);
     bool _FilterFileNameByMaxLength(const sync::config::FileConfiguration& file);
     bool _FilterFolderNameByMaxLength(const sync::config::FolderConfiguration& folder);
-    // False when the walk was stopped by an exit request.
-    bool _AddGeneratedFiles(const sync::config::FolderConfiguration& root, EntryInfoTree& tree,
+    // Adds the generated files that still exist and still belong to a file record.
+    void _AddGeneratedFiles(const sync::config::FolderConfiguration& root, EntryInfoTree& tree,
                             sync::interf::ICheckForExit& checkForExit);
 
     std::shared_ptr<sync::interf::IFolderConfigManager> _folderConfigManager;
