@@ -15,7 +15,9 @@ class IEntryInfoTreeRetriever : public QObject {
     Q_OBJECT
 public:
     ~IEntryInfoTreeRetriever() override = default;
-    // The tree, or null when the source's root folder does not exist (local side).
+    // The source's tree of the root folder. The local side throws sync::core::SyncException
+    // when the root directory is missing; the server side throws sync::http::HttpException
+    // when the server cannot list it. A null tree also ends planning quietly.
     virtual std::shared_ptr<sync::syncService::EntryInfoTree> GetEntryInfoTree(
         sync::config::FolderConfiguration& root) = 0;
     // False when the last retrieval learnt that the tree has not changed since the request
