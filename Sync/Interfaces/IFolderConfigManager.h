@@ -27,7 +27,8 @@ public:
     virtual bool UpdateFolder(const sync::config::FolderConfiguration& folder) = 0;
     // Inserts a record and sets its new id (1 or more) in the argument. A record without a
     // root (rootId -1 and no parent) becomes a root folder: its rootId and inheritedId are
-    // set to its new id.
+    // set to its new id. So does a root record that is added again (isRoot() with its old
+    // id), which keeps it a root under its new id.
     virtual bool AddFolder(sync::config::FolderConfiguration& folder) = 0;
     virtual void RemoveFolder(int folderId) = 0;
     virtual bool DeleteFolderById(int folderId) = 0;
