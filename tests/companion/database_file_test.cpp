@@ -94,11 +94,6 @@ TEST_F(DatabaseFileTest, NewFileIsCreatedInWalModeAtTheLatestVersion) {
     sqlite3_close(raw);
 }
 
-TEST_F(DatabaseFileTest, DefaultPathIsInTheApplicationDataDirectory) {
-    EXPECT_TRUE(ConfigDatabase::DefaultPath().endsWith(QStringLiteral("/sync.db")));
-    EXPECT_GT(ConfigDatabase::DefaultPath().size(), 8);
-}
-
 TEST_F(DatabaseFileTest, BadFilesAreRefusedUntouched) {
     {
         QFile garbage(PathOf("garbage.db"));
