@@ -14,7 +14,11 @@ namespace database {
 // newer than this program or cannot be written (when writing was asked for) makes Open throw
 // std::runtime_error whose text names the file. An older file is migrated forward.
 //
-// Used from one thread.
+// Used from one thread. A host wires an installation like this:
+//   auto db = ConfigDatabase::Open(ConfigDatabase::DefaultPath());
+//   ConfigDatabase::Install(db);  // transactions and the engine's server configuration manager
+//   CoreFactory::SetActionLog(std::make_shared<DatabaseActionLog>(db));
+//   ... hand FolderConfigManager(db), FileConfigManager(db), ... to the engine's factory.
 class ConfigDatabase {
 public:
     enum class Mode { ReadWrite, ReadOnly };

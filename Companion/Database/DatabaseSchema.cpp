@@ -43,6 +43,7 @@ CREATE TABLE folders (
 CREATE INDEX folders_by_root ON folders(root_id);
 CREATE INDEX folders_by_path ON folders(local_path_key, authentication_id);
 CREATE INDEX root_folders_by_account ON folders(authentication_id) WHERE root_id = id;
+CREATE INDEX root_folders ON folders(id) WHERE root_id = id;
 
 CREATE TABLE files (
     id INTEGER PRIMARY KEY AUTOINCREMENT,
