@@ -20,45 +20,49 @@ bool IsSynchronised(const FileConfiguration& file) {
 
 EntryInfoTreeChange EntryInfoTreeDiffer::Diff(EntryInfoTree& configTree, EntryInfoTree& otherTree,
                                               bool checkDownloadPrivilege) {
-    // Taken once: the rules get the trees by reference and must not disturb the walk.
-    const QList<QString> configFileKeys = configTree.fileMap.keys();
-    const QList<QString> otherFileKeys = otherTree.fileMap.keys();
-    const QList<QString> configFolderKeys = configTree.folderMap.keys();
-    const QList<QString> otherFolderKeys = otherTree.folderMap.keys();
+    // The rules get the trees by reference. Walking shallow copies keeps the walk, and its
+    // order, fixed whatever a rule does to a tree; the copies cost nothing unless one does.
+    const FileMap configFiles = configTree.fileMap;
+    const FileMap otherFiles = otherTree.fileMap;
+    const FolderMap configFolders = configTree.folderMap;
+    const FolderMap otherFolders = otherTree.folderMap;
 
     EntryInfoTreeChange change;
-    _DiffConfigFiles(configFileKeys, configTree, otherTree, checkDownloadPrivilege, change);
-    _DiffNewFiles(otherFileKeys, configTree, otherTree, change);
-    _DiffConfigFolders(configFolderKeys, configTree, otherTree, change);
-    _DiffNewFolders(otherFolderKeys, configTree, otherTree, change);
+    const int matchedFiles = _DiffConfigFiles(configFiles, otherFiles, configTree, otherTree,
+                                              checkDownloadPrivilege, change);
+    if (matchedFiles < otherFiles.size())
+        _DiffNewFiles(configFiles, otherFiles, configTree, otherTree, change);
+    const int matchedFolders =
+        _DiffConfigFolders(configFolders, otherFolders, configTree, otherTree, change);
+    if (matchedFolders < otherFolders.size())
+        _DiffNewFolders(configFolders, otherFolders, configTree, otherTree, change);
     return change;
 }
 
-void EntryInfoTreeDiffer::_DiffConfigFiles(const QList<QString>& configKeys,
-                                           EntryInfoTree& configTree, EntryInfoTree& otherTree,
-                                           bool checkDownloadPrivilege,
-                                           EntryInfoTreeChange& change) {
-    for (const QString& key : configKeys) {
-        const auto configIt = configTree.fileMap.constFind(key);
-        if (configIt == configTree.fileMap.constEnd()) continue;
+int EntryInfoTreeDiffer::_DiffConfigFiles(const FileMap& configFiles, const FileMap& otherFiles,
+                                          EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                                          bool checkDownloadPrivilege,
+                                          EntryInfoTreeChange& change) {
+    int matched = 0;
+    for (auto configIt = configFiles.constBegin(); configIt != configFiles.constEnd(); ++configIt) {
         FileConfiguration configFile = configIt.value();
         const bool synchronised = IsSynchronised(configFile);
 
-        const auto otherIt = otherTree.fileMap.constFind(key);
-        if (otherIt == otherTree.fileMap.constEnd()) {
+        const auto otherIt = otherFiles.constFind(configIt.key());
+        if (otherIt == otherFiles.constEnd()) {
             if (synchronised && DetectFileDeleted(configFile))
                 change.AddFileAction(EntryAction::Deleted, configFile);
             continue;
         }
+        ++matched;
 
         FileConfiguration otherFile = otherIt.value();
         if (!synchronised) {
-            if (DetectFileAdded(otherFile, configTree, otherTree)) {
+            // A record that never reached the server has nothing to delete, whatever the
+            // privileges: Deleted here next to Added on the other side is a pair no resolver
+            // accepts, and the root folder would fail in every cycle.
+            if (DetectFileAdded(otherFile, configTree, otherTree))
                 change.AddFileAction(EntryAction::Added, otherFile);
-                continue;
-            }
-            // A record that never reached the server has nothing to delete: reporting Deleted
-            // here while the other side reports Added would be a pair no resolver accepts.
             continue;
         }
         if (DetectFileModified(configFile, otherFile)) {
@@ -69,49 +73,52 @@ void EntryInfoTreeDiffer::_DiffConfigFiles(const QList<QString>& configKeys,
         if (checkDownloadPrivilege && (otherFile.privileges & sync::config::PrivilegeDownload) == 0)
             change.AddFileAction(EntryAction::Deleted, configFile);
     }
+    return matched;
 }
 
-void EntryInfoTreeDiffer::_DiffNewFiles(const QList<QString>& otherKeys, EntryInfoTree& configTree,
-                                        EntryInfoTree& otherTree, EntryInfoTreeChange& change) {
-    for (const QString& key : otherKeys) {
-        if (configTree.fileMap.contains(key)) continue;
-        const auto otherIt = otherTree.fileMap.constFind(key);
-        if (otherIt == otherTree.fileMap.constEnd()) continue;
+void EntryInfoTreeDiffer::_DiffNewFiles(const FileMap& configFiles, const FileMap& otherFiles,
+                                        EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                                        EntryInfoTreeChange& change) {
+    for (auto otherIt = otherFiles.constBegin(); otherIt != otherFiles.constEnd(); ++otherIt) {
+        if (configFiles.contains(otherIt.key())) continue;
         FileConfiguration otherFile = otherIt.value();
         if (DetectFileAdded(otherFile, configTree, otherTree))
             change.AddFileAction(EntryAction::Added, otherFile);
     }
 }
 
-void EntryInfoTreeDiffer::_DiffConfigFolders(const QList<QString>& configKeys,
-                                             EntryInfoTree& configTree, EntryInfoTree& otherTree,
-                                             EntryInfoTreeChange& change) {
-    for (const QString& key : configKeys) {
-        const auto configIt = configTree.folderMap.constFind(key);
-        if (configIt == configTree.folderMap.constEnd()) continue;
-        FolderConfiguration configFolder = configIt.value();
+int EntryInfoTreeDiffer::_DiffConfigFolders(const FolderMap& configFolders,
+                                            const FolderMap& otherFolders,
+                                            EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                                            EntryInfoTreeChange& change) {
+    int matched = 0;
+    for (auto configIt = configFolders.constBegin(); configIt != configFolders.constEnd();
+         ++configIt) {
         const bool notSynchronised =
-            configFolder.getSyncStatus() == FolderSynchronizationStatus::NotSynchronized;
+            configIt.value().getSyncStatus() == FolderSynchronizationStatus::NotSynchronized;
+        const bool onOtherSide = otherFolders.contains(configIt.key());
+        if (onOtherSide) ++matched;
+        // Nothing to ask of a folder present on both sides and in step (folders are never
+        // modified), nor of a record never synchronised that is gone. Most folders end here.
+        if (onOtherSide != notSynchronised) continue;
 
-        if (!otherTree.folderMap.contains(key)) {
-            if (!notSynchronised && DetectFolderDeleted(configFolder))
+        FolderConfiguration configFolder = configIt.value();
+        if (!onOtherSide) {
+            if (DetectFolderDeleted(configFolder))
                 change.AddFolderAction(EntryAction::Deleted, configFolder);
-        } else if (notSynchronised) {
+        } else if (DetectFolderAdded(configFolder, configTree, otherTree)) {
             // The database record carries the ids the workers need, so it goes with the action.
-            if (DetectFolderAdded(configFolder, configTree, otherTree))
-                change.AddFolderAction(EntryAction::Added, configFolder);
+            change.AddFolderAction(EntryAction::Added, configFolder);
         }
-        // Folders present on both sides are never modified.
     }
+    return matched;
 }
 
-void EntryInfoTreeDiffer::_DiffNewFolders(const QList<QString>& otherKeys,
-                                          EntryInfoTree& configTree, EntryInfoTree& otherTree,
-                                          EntryInfoTreeChange& change) {
-    for (const QString& key : otherKeys) {
-        if (configTree.folderMap.contains(key)) continue;
-        const auto otherIt = otherTree.folderMap.constFind(key);
-        if (otherIt == otherTree.folderMap.constEnd()) continue;
+void EntryInfoTreeDiffer::_DiffNewFolders(const FolderMap& configFolders,
+                                          const FolderMap& otherFolders, EntryInfoTree& configTree,
+                                          EntryInfoTree& otherTree, EntryInfoTreeChange& change) {
+    for (auto otherIt = otherFolders.constBegin(); otherIt != otherFolders.constEnd(); ++otherIt) {
+        if (configFolders.contains(otherIt.key())) continue;
         FolderConfiguration otherFolder = otherIt.value();
         if (DetectFolderAdded(otherFolder, configTree, otherTree))
             change.AddFolderAction(EntryAction::Added, otherFolder);

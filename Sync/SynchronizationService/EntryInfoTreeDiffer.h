@@ -17,15 +17,23 @@ public:
                              bool checkDownloadPrivilege) override;
 
 private:
-    void _DiffConfigFiles(const QList<QString>& configKeys, EntryInfoTree& configTree,
-                          EntryInfoTree& otherTree, bool checkDownloadPrivilege,
-                          EntryInfoTreeChange& change);
-    void _DiffNewFiles(const QList<QString>& otherKeys, EntryInfoTree& configTree,
-                       EntryInfoTree& otherTree, EntryInfoTreeChange& change);
-    void _DiffConfigFolders(const QList<QString>& configKeys, EntryInfoTree& configTree,
-                            EntryInfoTree& otherTree, EntryInfoTreeChange& change);
-    void _DiffNewFolders(const QList<QString>& otherKeys, EntryInfoTree& configTree,
-                         EntryInfoTree& otherTree, EntryInfoTreeChange& change);
+    using FileMap = QHash<QString, sync::config::FileConfiguration>;
+    using FolderMap = QHash<QString, sync::config::FolderConfiguration>;
+
+    // Each pass returns how many entries of the other side it found in the config tree, so
+    // that the passes over new entries can be skipped when there are none.
+    int _DiffConfigFiles(const FileMap& configFiles, const FileMap& otherFiles,
+                         EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                         bool checkDownloadPrivilege, EntryInfoTreeChange& change);
+    void _DiffNewFiles(const FileMap& configFiles, const FileMap& otherFiles,
+                       EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                       EntryInfoTreeChange& change);
+    int _DiffConfigFolders(const FolderMap& configFolders, const FolderMap& otherFolders,
+                           EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                           EntryInfoTreeChange& change);
+    void _DiffNewFolders(const FolderMap& configFolders, const FolderMap& otherFolders,
+                         EntryInfoTree& configTree, EntryInfoTree& otherTree,
+                         EntryInfoTreeChange& change);
 };
 
 }  // namespace syncService
