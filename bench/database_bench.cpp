@@ -12,6 +12,7 @@
 #include "ConfigDatabase.h"
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
+#include "SyncLog.h"
 #include "TransactionalScope.h"
 
 using namespace sync::config;
@@ -59,6 +60,7 @@ FileConfiguration MakeFile(const FolderConfiguration& root, int i) {
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
+    sync::core::ConfigureLogging(QStringLiteral("WARN"));
     const int count = argc > 1 ? QString::fromLocal8Bit(argv[1]).toInt() : 100000;
     QTemporaryDir dir;
     auto db = ConfigDatabase::Open(dir.filePath(QStringLiteral("sync.db")));
