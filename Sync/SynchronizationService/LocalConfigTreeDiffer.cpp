@@ -18,7 +18,8 @@ bool LocalConfigTreeDiffer::IsFileContentModified(FileConfiguration& configFile,
                                                   FileConfiguration& localFile) {
     if (configFile.size != localFile.size) return true;
 
-    // The database keeps whole seconds only, so milliseconds on disk are no change.
+    // Whole seconds only: the recorded time may have lost its milliseconds on the way (servers
+    // and some file systems keep none), which is no change.
     QDateTime localTime = localFile.lastModified.toUTC();
     localTime = localTime.addMSecs(-localTime.time().msec());
     if (configFile.lastModified == localTime) return false;
