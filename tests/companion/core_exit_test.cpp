@@ -47,10 +47,4 @@ TEST(CheckForExitTest, ManyRequestsFromOtherThreadsSignalOnceAndAfterTheFlag) {
     EXPECT_TRUE(checker.ShouldExitThread());
 }
 
-TEST(CheckForExitTest, FactoryHandsOutTheOneProcessWideChecker) {
-    sync::factory::CoreFactory factory;
-    EXPECT_EQ(factory.CreateCheckForExit(), sync::factory::CoreFactory::ExitChecker());
-    EXPECT_EQ(factory.CreateCheckForExit(), sync::factory::CoreFactory().CreateCheckForExit());
-}
-
 }  // namespace

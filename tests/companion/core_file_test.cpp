@@ -1,10 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 #include <climits>
 
 #include <QDir>
@@ -14,7 +9,6 @@
 #include <QTemporaryDir>
 
 #include "CoreFactory.h"
-#include "PathHelpers.h"
 #include "SyncConsts.h"
 
 using sync::factory::CoreFactory;
@@ -99,57 +93,6 @@ TEST(TemporaryFileTest, EveryFileOfARootHasItsOwnPartnerInTheTemporaryFolder) {
         temporaries.insert(temp);
     }
     EXPECT_EQ(temporaries.size(), files.size());
-}
-
-TEST(FileWrapperTest, RemoveAnswersWhetherTheFileIsGone) {
-    QTemporaryDir dir;
-    const QString file = dir.filePath("f.txt");
-    WriteFile(file);
-    auto wrapper = CoreFactory().CreateFileWrapper();
-    wrapper->SetFileName(file);
-    EXPECT_TRUE(wrapper->Exists());
-    EXPECT_TRUE(wrapper->Remove());
-    EXPECT_FALSE(wrapper->Exists());
-    EXPECT_TRUE(wrapper->Remove()) << "already gone";
-    if (::geteuid() == 0) GTEST_SKIP() << "root removes files from read-only folders";
-    WriteFile(file);
-    ASSERT_EQ(::chmod(QFile::encodeName(dir.path()).constData(), 0500), 0);
-    EXPECT_FALSE(wrapper->Remove());
-    ::chmod(QFile::encodeName(dir.path()).constData(), 0700);
-}
-
-TEST(FileLockTest, WriteLockHeldByAnotherProcessIsSeen) {
-    QTemporaryDir dir;
-    const QString file = dir.filePath("locked.txt");
-    WriteFile(file);
-    const QByteArray native = QFile::encodeName(file);
-    int ready[2], release[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    ASSERT_EQ(::pipe(release), 0);
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        ::close(ready[0]);
-        ::close(release[1]);
-        ::alarm(30);  // never outlive a parent that failed
-        const int fd = ::open(native.constData(), O_RDWR);
-        const char ok = (fd >= 0 && ::flock(fd, LOCK_EX) == 0) ? 'y' : 'n';
-        (void)!::write(ready[1], &ok, 1);
-        char c;
-        (void)!::read(release[0], &c, 1);  // until the parent closes its end
-        ::_exit(0);
-    }
-    ::close(ready[1]);
-    ::close(release[0]);
-    char ok = 0;
-    ASSERT_EQ(::read(ready[0], &ok, 1), 1);
-    ASSERT_EQ(ok, 'y');
-    EXPECT_TRUE(sync::core::IsFileLockedForWrite(file));
-    ::close(release[1]);
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    ::close(ready[0]);
-    EXPECT_FALSE(sync::core::IsFileLockedForWrite(file));
 }
 
 }  // namespace
