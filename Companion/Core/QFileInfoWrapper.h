@@ -7,8 +7,8 @@
 namespace sync {
 namespace core {
 
-// One local entry, read once: the answers come from the QFileInfo's cached stat, so a walker
-// hands out its entries without touching the disk again.
+// One local entry, read once: the type comes from the walker's QFileInfo (the directory
+// listing already knows it), size and time from one stat of our own, taken on first use.
 class QFileInfoWrapper : public sync::interf::IQFileInfoWrapper {
 public:
     explicit QFileInfoWrapper(const QFileInfo& info);
@@ -26,7 +26,13 @@ public:
     bool Exists() override;
 
 private:
+    bool _Stat();
+
     QFileInfo _info;
+    bool _statDone = false;
+    bool _statOk = false;
+    qint64 _size = 0;
+    qint64 _modifiedMs = 0;
 };
 
 }  // namespace core

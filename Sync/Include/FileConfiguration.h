@@ -21,6 +21,9 @@ public:
         if (this != &other) _CopyMembers(other);
         return *this;
     }
+    // Trees and query results hold hundreds of thousands of records; moving them is cheap.
+    FileConfiguration(FileConfiguration&&) noexcept = default;
+    FileConfiguration& operator=(FileConfiguration&&) noexcept = default;
     virtual ~FileConfiguration() = default;
 
     bool operator==(const FileConfiguration& o) const;

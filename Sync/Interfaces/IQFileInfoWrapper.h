@@ -14,7 +14,7 @@ public:
     virtual QString FileName() = 0;
     // Size in bytes; 0 for a folder.
     virtual qint64 Size() = 0;
-    // Modification time, local time spec.
+    // Modification time (the instant; callers must not rely on its time spec).
     virtual QDateTime LastModified() = 0;
     virtual bool IsFile() = 0;
     virtual bool IsDir() = 0;

@@ -85,7 +85,8 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
                 ++filteredFiles;
                 SYNC_LOG_DEBUG("Filtered out local file %1", path);
             } else {
-                tree->fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+                EntryInfoTree::Put(tree->fileMap, EntryInfoTree::KeyOf(file.serverPath),
+                                   std::move(file));
             }
         } else if (info->IsDir()) {
             if (IsInEngineFolder(pathBelowRoot)) continue;
