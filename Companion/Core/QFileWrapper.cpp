@@ -108,8 +108,8 @@ bool QFileWrapper::MoveToTrash(const QString& path) {
     if (path.isEmpty() || !QFileInfo(path).exists()) return false;
     // QFile::moveToTrash falls back to the home trash, $XDG_DATA_HOME/Trash, but creates only
     // its last level; when it cannot have it, it "trashes" into ./files of the current
-    // directory and reports success. Make sure the home trash is there first, as the trash
-    // specification asks, and refuse otherwise: the file then stays where it is.
+    // directory and reports success. Make sure the home trash is there first, as the
+    // freedesktop.org trash layout expects, and refuse otherwise: the file then stays where it is.
     const QString dataHome = QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation);
     if (dataHome.isEmpty() || !QDir::isAbsolutePath(dataHome)) return false;
     const QString homeTrash = dataHome + QLatin1String("/Trash");
