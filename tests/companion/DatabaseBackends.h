@@ -1,85 +1,65 @@
 #pragma once
 
-// Backends that the configuration-manager conformance suite runs against. A backend gives the
-// managers of one installation and can be reopened, which for a durable store means a fresh
-// connection to the same file (an in-memory fake keeps its state and reopens as a no-op).
+// A configuration database file in a temporary folder, installed for TransactionalScope and the
+// server configuration factory. Reopen() drops every connection and opens the file afresh.
 
 #include <gtest/gtest.h>
 #include <QDateTime>
 #include <QTemporaryDir>
 #include <QTimeZone>
 #include <memory>
+#include <string>
 
-#include "AuthenticationConfigManager.h"
 #include "ConfigDatabase.h"
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
-#include "IAuthenticationConfigManager.h"
-#include "IFileConfigManager.h"
-#include "IFolderConfigManager.h"
 
 namespace sync {
 namespace test {
 
-class SqliteBackend {
-public:
-    SqliteBackend() {
-        EXPECT_TRUE(_dir.isValid());
+class DatabaseTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(dir.isValid());
         Reopen();
     }
-    ~SqliteBackend() { sync::database::ConfigDatabase::Uninstall(); }
-
-    void Reopen() {
-        _folders.reset();
-        _files.reset();
-        _accounts.reset();
-        sync::database::ConfigDatabase::Uninstall();
-        _db.reset();
-        _db = sync::database::ConfigDatabase::Open(Path());
-        sync::database::ConfigDatabase::Install(_db);
-        _folders = std::make_shared<sync::database::FolderConfigManager>(_db);
-        _files = std::make_shared<sync::database::FileConfigManager>(_db);
-        _accounts = std::make_shared<sync::database::AuthenticationConfigManager>(_db);
+    void TearDown() override { Close(); }
+    void Close() {
+        folders.reset();
+        files.reset();
+        database::ConfigDatabase::Uninstall();
+        db.reset();
     }
-    QString Path() const { return _dir.filePath(QStringLiteral("sync.db")); }
+    void Reopen() {
+        Close();
+        db = database::ConfigDatabase::Open(Path());
+        database::ConfigDatabase::Install(db);
+        folders = std::make_shared<database::FolderConfigManager>(db);
+        files = std::make_shared<database::FileConfigManager>(db);
+    }
+    QString Path() const { return dir.filePath(QStringLiteral("sync.db")); }
 
-    std::shared_ptr<sync::interf::IFolderConfigManager> Folders() { return _folders; }
-    std::shared_ptr<sync::interf::IFileConfigManager> Files() { return _files; }
-    std::shared_ptr<sync::interf::IAuthenticationConfigManager> Accounts() { return _accounts; }
-
-private:
-    QTemporaryDir _dir;
-    std::shared_ptr<sync::database::ConfigDatabase> _db;
-    std::shared_ptr<sync::database::FolderConfigManager> _folders;
-    std::shared_ptr<sync::database::FileConfigManager> _files;
-    std::shared_ptr<sync::database::AuthenticationConfigManager> _accounts;
+    QTemporaryDir dir;
+    std::shared_ptr<database::ConfigDatabase> db;
+    std::shared_ptr<database::FolderConfigManager> folders;
+    std::shared_ptr<database::FileConfigManager> files;
 };
 
-// Times of every kind a record may carry; QDateTime's == compares instants only, so the suite
-// checks the time spec separately.
-inline QDateTime UtcTime(qint64 ms) {
-    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC);
+inline QDateTime At(qint64 ms, Qt::TimeSpec spec, int offsetSeconds = 0) {
+    return QDateTime::fromMSecsSinceEpoch(ms, spec, offsetSeconds);
 }
-inline QDateTime LocalTime(qint64 ms) {
-    return QDateTime::fromMSecsSinceEpoch(ms, Qt::LocalTime);
-}
-inline QDateTime OffsetTime(qint64 ms, int offsetSeconds) {
-    return QDateTime::fromMSecsSinceEpoch(ms, Qt::OffsetFromUTC, offsetSeconds);
-}
-inline QDateTime ZoneTime(qint64 ms, const char* zone) {
+inline QDateTime At(qint64 ms, const char* zone) {
     return QDateTime::fromMSecsSinceEpoch(ms, QTimeZone(QByteArray(zone)));
 }
 
-inline void ExpectSameTime(const QDateTime& expected, const QDateTime& actual, const char* field) {
-    SCOPED_TRACE(field);
-    EXPECT_EQ(expected.isNull(), actual.isNull());
-    if (expected.isNull()) return;
-    EXPECT_EQ(expected.toMSecsSinceEpoch(), actual.toMSecsSinceEpoch());
-    EXPECT_EQ(expected.timeSpec(), actual.timeSpec());
-    EXPECT_EQ(expected.offsetFromUtc(), actual.offsetFromUtc());
-    if (expected.timeSpec() == Qt::TimeZone) {
-        EXPECT_EQ(expected.timeZone(), actual.timeZone());
-    }
+// QDateTime's == compares instants only; this text also shows the time spec, offset and zone.
+inline std::string TimeText(const QDateTime& t) {
+    if (t.isNull()) return "null";
+    return QStringLiteral("%1 spec %2 %3")
+        .arg(t.toString(Qt::ISODateWithMs))
+        .arg(t.timeSpec())
+        .arg(QString::fromUtf8(t.timeZone().id()))
+        .toStdString();
 }
 
 }  // namespace test

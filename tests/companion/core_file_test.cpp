@@ -22,53 +22,46 @@ void WriteFile(const QString& path) {
     f.write("x");
 }
 
-// Points the freedesktop trash (and home) into a temporary folder for the test's lifetime.
-class TrashTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(_dir.isValid());
-        _oldHome = qgetenv("HOME");
-        _oldData = qgetenv("XDG_DATA_HOME");
-        qputenv("HOME", QFile::encodeName(_dir.path()));
-        qputenv("XDG_DATA_HOME", QFile::encodeName(_dir.filePath("data")));
-        // A failed trash must not leave anything in the working directory either.
-        _oldCwd = QDir::currentPath();
-        QDir().mkpath(_dir.filePath("cwd"));
-        QDir::setCurrent(_dir.filePath("cwd"));
+// Sets an environment variable until the end of the scope.
+struct ScopedEnv {
+    ScopedEnv(const char* n, const QString& value)
+        : name(n), old(qgetenv(n)), was(qEnvironmentVariableIsSet(n)) {
+        qputenv(n, QFile::encodeName(value));
     }
-    void TearDown() override {
-        EXPECT_TRUE(QDir(_dir.filePath("cwd")).isEmpty());
-        QDir::setCurrent(_oldCwd);
-        qputenv("HOME", _oldHome);
-        if (_oldData.isNull())
-            qunsetenv("XDG_DATA_HOME");
-        else
-            qputenv("XDG_DATA_HOME", _oldData);
-    }
-    QTemporaryDir _dir;
-    QByteArray _oldHome, _oldData;
-    QString _oldCwd;
+    ~ScopedEnv() { was ? qputenv(name, old) : qunsetenv(name); }
+    const char* name;
+    QByteArray old;
+    bool was;
 };
 
-// The data folder does not exist yet, as on a fresh account.
-TEST_F(TrashTest, FileGoesToTheTrashNotAway) {
-    const QString file = _dir.filePath("docs/report.txt");
+// Home and the freedesktop trash point into a temporary folder. The file is first refused
+// (the trash folder cannot be made: a file holds its name), then trashed into a data folder
+// that does not exist yet, as on a fresh account. A refused trash must not put the file into
+// the working directory either.
+TEST(TrashTest, FileGoesToTheTrashOrStaysWhereItIs) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const ScopedEnv home("HOME", dir.path());
+    const QString file = dir.filePath("docs/report.txt");
     WriteFile(file);
-    EXPECT_TRUE(CoreFactory().CreateRecycler()->MoveToTrash(file));
-    EXPECT_FALSE(QFileInfo::exists(file));
-    EXPECT_TRUE(QFileInfo::exists(_dir.filePath("data/Trash/files/report.txt")));
-    EXPECT_TRUE(QFileInfo::exists(_dir.filePath("data/Trash/info/report.txt.trashinfo")));
-}
-
-TEST_F(TrashTest, FileThatCannotBeTrashedStays) {
-    const QString file = _dir.filePath("docs/report.txt");
-    WriteFile(file);
-    // The trash folder cannot be made: a file holds its name.
-    WriteFile(_dir.filePath("data/Trash"));
+    WriteFile(dir.filePath("blocked/Trash"));
+    const QString oldCwd = QDir::currentPath();
+    QDir().mkpath(dir.filePath("cwd"));
+    QDir::setCurrent(dir.filePath("cwd"));
     auto recycler = CoreFactory().CreateRecycler();
-    EXPECT_FALSE(recycler->MoveToTrash(file));
-    EXPECT_TRUE(QFileInfo::exists(file));
-    EXPECT_FALSE(recycler->MoveToTrash(_dir.filePath("docs/missing.txt")));
+    {
+        const ScopedEnv data("XDG_DATA_HOME", dir.filePath("blocked"));
+        EXPECT_FALSE(recycler->MoveToTrash(file));
+        EXPECT_TRUE(QFileInfo::exists(file));
+    }
+    const ScopedEnv data("XDG_DATA_HOME", dir.filePath("data"));
+    EXPECT_FALSE(recycler->MoveToTrash(dir.filePath("docs/missing.txt")));
+    EXPECT_TRUE(recycler->MoveToTrash(file));
+    EXPECT_FALSE(QFileInfo::exists(file));
+    EXPECT_TRUE(QFileInfo::exists(dir.filePath("data/Trash/files/report.txt")));
+    EXPECT_TRUE(QFileInfo::exists(dir.filePath("data/Trash/info/report.txt.trashinfo")));
+    EXPECT_TRUE(QDir(dir.filePath("cwd")).isEmpty());
+    QDir::setCurrent(oldCwd);
 }
 
 TEST(TemporaryFileTest, EveryFileOfARootHasItsOwnPartnerInTheTemporaryFolder) {

@@ -6,18 +6,16 @@
 #include <unistd.h>
 #include <QCryptographicHash>
 #include <QFile>
-#include <QTemporaryDir>
 #include <stdexcept>
 
-#include "ConfigDatabase.h"
 #include "DatabaseActionLog.h"
+#include "DatabaseBackends.h"
 #include "DatabaseSchema.h"
-#include "FileConfigManager.h"
-#include "FolderConfigManager.h"
 #include "TransactionalScope.h"
 
 using namespace sync::config;
 using sync::database::ConfigDatabase;
+using Mode = ConfigDatabase::Mode;
 
 namespace {
 
@@ -31,14 +29,13 @@ void ExecRaw(const QString& path, const char* sql) {
     sqlite3* raw = nullptr;
     ASSERT_EQ(sqlite3_open(QFile::encodeName(path).constData(), &raw), SQLITE_OK);
     char* error = nullptr;
-    const int rc = sqlite3_exec(raw, sql, nullptr, nullptr, &error);
-    EXPECT_EQ(rc, SQLITE_OK) << (error ? error : "");
+    EXPECT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
     sqlite3_free(error);
     sqlite3_close(raw);
 }
 
 // The open must fail with the file named in the error, and leave the file as it was.
-void ExpectRefused(const QString& path, ConfigDatabase::Mode mode, const char* reason) {
+void ExpectRefused(const QString& path, Mode mode, const char* reason) {
     SCOPED_TRACE(reason);
     const QByteArray before = Digest(path);
     try {
@@ -51,152 +48,111 @@ void ExpectRefused(const QString& path, ConfigDatabase::Mode mode, const char* r
     EXPECT_EQ(Digest(path), before);
 }
 
-class DatabaseFileTest : public ::testing::Test {
+class DatabaseFileTest : public sync::test::DatabaseTest {
 protected:
-    void SetUp() override { ASSERT_TRUE(dir.isValid()); }
     QString PathOf(const char* name) const { return dir.filePath(QString::fromLatin1(name)); }
-
-    // A closed database with enough folder records to span many pages.
-    QString MakeDatabase(const char* name, int folders) {
-        const QString path = PathOf(name);
-        auto db = ConfigDatabase::Open(path);
-        sync::database::FolderConfigManager manager(db);
-        ConfigDatabase::Install(db);
-        {
-            sync::database::TransactionalScope scope;
-            for (int i = 0; i < folders; ++i) {
-                FolderConfiguration f;
-                f.localPath = QStringLiteral("/data/folder-with-a-long-name-%1").arg(i);
-                manager.AddFolder(f);
-            }
+    void AddRoots(int count) {
+        sync::database::TransactionalScope scope;
+        for (int i = 0; i < count; ++i) {
+            FolderConfiguration f;
+            f.localPath = QStringLiteral("/data/folder-with-a-long-name-%1").arg(i);
+            ASSERT_TRUE(folders->AddFolder(f));
         }
-        ConfigDatabase::Uninstall();
-        return path;
     }
-
-    QTemporaryDir dir;
 };
 
-TEST_F(DatabaseFileTest, NewFileIsCreatedInWalModeAtTheLatestVersion) {
-    const QString path = PathOf("sub/dir/sync.db");
-    auto db = ConfigDatabase::Open(path);
-    EXPECT_TRUE(QFile::exists(path));
-    EXPECT_EQ(db->SchemaVersion(), ConfigDatabase::LatestSchemaVersion());
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(
-        sqlite3_open_v2(QFile::encodeName(path).constData(), &raw, SQLITE_OPEN_READONLY, nullptr),
-        SQLITE_OK);
-    sqlite3_stmt* stmt = nullptr;
-    sqlite3_prepare_v2(raw, "PRAGMA journal_mode", -1, &stmt, nullptr);
-    ASSERT_EQ(sqlite3_step(stmt), SQLITE_ROW);
-    EXPECT_STREQ(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)), "wal");
-    sqlite3_finalize(stmt);
-    sqlite3_close(raw);
-}
-
-TEST_F(DatabaseFileTest, BadFilesAreRefusedUntouched) {
-    {
-        QFile garbage(PathOf("garbage.db"));
-        ASSERT_TRUE(garbage.open(QIODevice::WriteOnly));
-        for (int i = 0; i < 200; ++i) garbage.write("this is not a database at all\n");
-    }
-    ExpectRefused(PathOf("garbage.db"), ConfigDatabase::Mode::ReadWrite, "not a readable database");
-
-    const QString truncated = MakeDatabase("truncated.db", 3000);
-    {
-        QFile f(truncated);
-        ASSERT_TRUE(f.resize(f.size() / 2));
-    }
-    ExpectRefused(truncated, ConfigDatabase::Mode::ReadWrite, "damaged");
-    ExpectRefused(truncated, ConfigDatabase::Mode::ReadOnly, "damaged");
-
-    const QString foreign = PathOf("foreign.db");
-    ExecRaw(foreign, "CREATE TABLE photos (id INTEGER PRIMARY KEY, name TEXT)");
-    ExpectRefused(foreign, ConfigDatabase::Mode::ReadWrite, "not a synchronisation database");
-
-    const QString newer = MakeDatabase("newer.db", 1);
+TEST_F(DatabaseFileTest, BadFilesAreRefusedNamedAndUntouched) {
+    AddRoots(3000);  // enough pages that a truncated copy misses many
+    Close();
+    const QString garbage = PathOf("garbage.db"), truncated = PathOf("truncated.db"),
+                  foreign = PathOf("foreign.db"), newer = PathOf("newer.db");
+    QFile f(garbage);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write(QByteArray("this is not a database at all\n").repeated(200));
+    f.close();
+    ASSERT_TRUE(QFile::copy(Path(), truncated) && QFile::copy(Path(), newer));
+    ASSERT_TRUE(QFile(truncated).resize(QFileInfo(truncated).size() / 2));
     ExecRaw(newer, "PRAGMA user_version = 99");
-    ExpectRefused(newer, ConfigDatabase::Mode::ReadWrite, "newer release");
-
-    ExpectRefused(PathOf("missing.db"), ConfigDatabase::Mode::ReadOnly, "does not exist");
-}
-
-TEST_F(DatabaseFileTest, ReadOnlyOpenRefusesWritesNamingTheFile) {
-    const QString path = MakeDatabase("sync.db", 1);
-    auto db = ConfigDatabase::Open(path, ConfigDatabase::Mode::ReadOnly);
-    EXPECT_TRUE(db->IsReadOnly());
-    sync::database::FileConfigManager files(db);
-    FileConfiguration f;
-    f.localPath = QStringLiteral("/data/x");
-    try {
-        files.AddFile(f);
-        ADD_FAILURE() << "wrote to a read-only database";
-    } catch (const std::runtime_error& e) {
-        EXPECT_TRUE(QString::fromUtf8(e.what()).contains(path)) << e.what();
-    }
-    sync::database::FolderConfigManager folders(db);
-    FolderConfiguration folder;
-    EXPECT_FALSE(folders.AddFolder(folder));
-    EXPECT_EQ(folders.GetRootFolders().size(), 1);
+    ExecRaw(foreign, "CREATE TABLE photos (id INTEGER PRIMARY KEY, name TEXT)");
+    const struct {
+        QString path;
+        Mode mode;
+        const char* reason;
+    } rows[] = {
+        {garbage, Mode::ReadWrite, "not a readable database"},
+        {truncated, Mode::ReadWrite, "damaged"},
+        {truncated, Mode::ReadOnly, "damaged"},
+        {foreign, Mode::ReadWrite, "not a synchronisation database"},
+        {newer, Mode::ReadWrite, "newer release"},
+        {PathOf("missing.db"), Mode::ReadOnly, "does not exist"},
+    };
+    for (const auto& row : rows) ExpectRefused(row.path, row.mode, row.reason);
 }
 
 TEST_F(DatabaseFileTest, FileWithoutWritePermissionIsRefusedForWriting) {
     if (geteuid() == 0) GTEST_SKIP() << "running as root: file permissions do not stop writes";
-    const QString path = MakeDatabase("sync.db", 1);
-    ASSERT_TRUE(QFile::setPermissions(path, QFile::ReadOwner));
-    ExpectRefused(path, ConfigDatabase::Mode::ReadWrite, "read-only");
+    Close();
+    ASSERT_TRUE(QFile::setPermissions(Path(), QFile::ReadOwner));
+    ExpectRefused(Path(), Mode::ReadWrite, "read-only");
 }
 
-// A host tool reads while the service holds a write transaction: it sees the last commit.
-TEST_F(DatabaseFileTest, ReaderSeesCommittedStateWhileTheServiceWrites) {
-    const QString path = MakeDatabase("sync.db", 2);
-    auto service = ConfigDatabase::Open(path);
-    ConfigDatabase::Install(service);
-    sync::database::FolderConfigManager serviceFolders(service);
-    auto tool = ConfigDatabase::Open(path, ConfigDatabase::Mode::ReadOnly);
+// A host tool reads while the service holds a write transaction: it sees the last commit, and
+// cannot write itself.
+TEST_F(DatabaseFileTest, ReadOnlyConnectionSeesTheLastCommitAndCannotWrite) {
+    AddRoots(2);
+    auto tool = ConfigDatabase::Open(Path(), Mode::ReadOnly);
     sync::database::FolderConfigManager toolFolders(tool);
     {
         sync::database::TransactionalScope scope;
-        FolderConfiguration f;
-        f.localPath = QStringLiteral("/data/uncommitted");
-        ASSERT_TRUE(serviceFolders.AddFolder(f));
-        EXPECT_EQ(serviceFolders.GetRootFolders().size(), 3);
+        AddRoots(1);
+        EXPECT_EQ(folders->GetRootFolders().size(), 3);
         EXPECT_EQ(toolFolders.GetRootFolders().size(), 2);
     }
     EXPECT_EQ(toolFolders.GetRootFolders().size(), 3);
-    ConfigDatabase::Uninstall();
+
+    FileConfiguration file;
+    try {
+        sync::database::FileConfigManager(tool).AddFile(file);
+        ADD_FAILURE() << "wrote to a read-only database";
+    } catch (const std::runtime_error& e) {
+        EXPECT_TRUE(QString::fromUtf8(e.what()).contains(Path())) << e.what();
+    }
+    FolderConfiguration folder;
+    EXPECT_FALSE(toolFolders.AddFolder(folder));
+    EXPECT_EQ(toolFolders.GetRootFolders().size(), 3);
 }
 
-// A file written by the first release: the schema is moved forward, the records stay.
-TEST_F(DatabaseFileTest, VersionOneFileIsMigratedKeepingItsRecords) {
+// New files and files written by the first release both end at the latest schema; the old
+// file's records stay.
+TEST_F(DatabaseFileTest, FilesAreBroughtToTheLatestVersionInWalMode) {
+    const QString created = PathOf("sub/dir/new.db");
+    auto fresh = ConfigDatabase::Open(created);
+    EXPECT_EQ(fresh->SchemaVersion(), ConfigDatabase::LatestSchemaVersion());
+    EXPECT_TRUE(QFile::exists(created + "-wal"));  // only while a connection is open
+
     const QString path = PathOf("v1.db");
     const auto& steps = sync::database::DatabaseSchema::Migrations();
     ASSERT_EQ(steps.front().version, 1);
     ExecRaw(path, steps.front().sql);
     ExecRaw(path,
             "PRAGMA application_id = 1398361667; PRAGMA user_version = 1;"
-            "INSERT INTO folders (id, authentication_id, root_id, inherited_id, name, "
-            "server_attribute, path, local_path, local_path_key, server_path, parent_id, "
-            "last_modified_ms, last_modified_zone, sync_scope, server_creation_failed, "
-            "inherited_value, sync_option, privilege_info, privileges, server_root_path, "
-            "server_folder_id, properties, last_sync_time_ms, last_sync_time_zone, "
-            "last_server_sync_request_time_ms, last_server_sync_request_time_zone, sync_status, "
-            "user_flag) VALUES (5, 2, 5, 5, 'Docs', '', '/Docs', '/home/u/Docs', "
+            // Every column, in the order of the version 1 table.
+            "INSERT INTO folders VALUES (5, 2, 5, 5, 'Docs', '', '/Docs', '/home/u/Docs', "
             "'/home/u/docs', '/Docs', -1, 1600000000000, 1, 0, 0, 1, 2, 'info', 31, '', 'sf', "
             "NULL, NULL, NULL, NULL, NULL, 0, 0);");
-
-    auto db = ConfigDatabase::Open(path);
-    EXPECT_EQ(db->SchemaVersion(), ConfigDatabase::LatestSchemaVersion());
-    sync::database::FolderConfigManager folders(db);
-    const auto roots = folders.GetRootFolders();
+    auto old = ConfigDatabase::Open(path);
+    EXPECT_EQ(old->SchemaVersion(), ConfigDatabase::LatestSchemaVersion());
+    sync::database::FolderConfigManager oldFolders(old);
+    const auto roots = oldFolders.GetRootFolders();
     ASSERT_EQ(roots.size(), 1);
     EXPECT_EQ(roots[0].id, 5);
     EXPECT_EQ(roots[0].localPath, QStringLiteral("/home/u/Docs"));
-    EXPECT_EQ(roots[0].lastModified, QDateTime::fromMSecsSinceEpoch(1600000000000, Qt::UTC));
+    EXPECT_EQ(sync::test::TimeText(roots[0].lastModified),
+              sync::test::TimeText(sync::test::At(1600000000000, Qt::UTC)));
     EXPECT_EQ(roots[0].syncOption, 2);
-    EXPECT_EQ(folders.GetFolderByPath(QStringLiteral("/HOME/U/DOCS"), 2).id, 5);
+    EXPECT_EQ(oldFolders.GetFolderByPath(QStringLiteral("/HOME/U/DOCS"), 2).id, 5);
     // What version 2 added works on the migrated file.
-    sync::database::DatabaseActionLog log(db);
+    sync::database::DatabaseActionLog log(old);
     log.AddFolderEntry(2, roots[0].localPath, roots[0].name);
     EXPECT_EQ(log.Entries().size(), 1);
 }

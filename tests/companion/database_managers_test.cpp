@@ -1,4 +1,4 @@
-// Conformance of the folder, file and account managers: every backend in BackendTypes must pass.
+// The folder and file managers against a database file.
 
 #include <gtest/gtest.h>
 
@@ -7,19 +7,10 @@
 #include "FolderConfiguration.h"
 
 using namespace sync::config;
-using namespace sync::test;
+using sync::test::At;
+using sync::test::TimeText;
 
 namespace {
-
-FolderConfiguration Root(const QString& localPath, int account) {
-    FolderConfiguration f;
-    f.authenticationId = account;
-    f.name = localPath.section(QLatin1Char('/'), -1);
-    f.localPath = localPath;
-    f.serverPath = QStringLiteral("/") + f.name;
-    f.path = f.serverPath;
-    return f;
-}
 
 FolderConfiguration Child(const FolderConfiguration& parent, const QString& name) {
     FolderConfiguration f;
@@ -29,9 +20,15 @@ FolderConfiguration Child(const FolderConfiguration& parent, const QString& name
     f.parentId = parent.id;
     f.name = name;
     f.localPath = parent.localPath + QLatin1Char('/') + name;
-    f.serverPath = parent.serverPath + QLatin1Char('/') + name;
-    f.path = f.serverPath;
+    f.serverPath = f.path = parent.serverPath + QLatin1Char('/') + name;
     return f;
+}
+
+FolderConfiguration Root(const QString& localPath, int account = 1) {
+    FolderConfiguration above;  // never stored: only its path and account are passed down
+    above.authenticationId = account;
+    above.localPath = localPath.section(QLatin1Char('/'), 0, -2);
+    return Child(above, localPath.section(QLatin1Char('/'), -1));
 }
 
 FileConfiguration File(const FolderConfiguration& folder, const QString& name) {
@@ -47,47 +44,44 @@ FileConfiguration File(const FolderConfiguration& folder, const QString& name) {
 
 // Every field away from its default, times of every spec.
 FolderConfiguration PopulatedFolder(const FolderConfiguration& root) {
-    FolderConfiguration f = Child(root, QStringLiteral("Ünterordner ß"));
-    f.serverAttribute = QStringLiteral("attr");
-    f.lastModified = ZoneTime(1600000000123, "Europe/Berlin");
+    FolderConfiguration f = Child(root, "Ünterordner ß");
+    f.serverAttribute = "attr";
+    f.lastModified = At(1600000000123, "Europe/Berlin");
     f.syncScope = 0;
     f.serverCreationFailed = 1;
     f.inheritedValue = 5;
     f.syncOption = SyncHiddenEntries | SkipDownloadingNewFiles;
-    f.privilegeInfo = QStringLiteral("rw-");
+    f.privilegeInfo = "rw-";
     f.privileges = PrivilegeDownload | PrivilegeUpload;
-    f.serverRootPath = QStringLiteral("/srv/root");
-    f.serverFolderId = QStringLiteral("sf-42");
-    f.properties = {{QStringLiteral("etag"), QStringLiteral("\"x\"")},
-                    {QStringLiteral("empty"), QString()}};
-    f.lastSyncTime = OffsetTime(1600000001000, -5 * 3600);
-    f.lastServerSyncRequestTime = LocalTime(1600000002000);
+    f.serverRootPath = "/srv/root";
+    f.serverFolderId = "sf-42";
+    f.properties = {{"etag", "\"x\""}, {"empty", QString()}};
+    f.lastSyncTime = At(1600000001000, Qt::OffsetFromUTC, -5 * 3600);
+    f.lastServerSyncRequestTime = At(1600000002000, Qt::LocalTime);
     f.syncStatus = FolderSynchronizationStatus::OutOfSync;
     f.userFlag = true;
     return f;
 }
 
 FileConfiguration PopulatedFile(const FolderConfiguration& folder) {
-    FileConfiguration f = File(folder, QStringLiteral("Résumé.TXT"));
-    f.checksum = QStringLiteral("c0ffee");
-    f.contentType = QStringLiteral("text/plain");
-    f.created = LocalTime(1500000000001);
-    f.lastModified = UtcTime(1500000000002);
+    FileConfiguration f = File(folder, "Résumé.TXT");
+    f.checksum = "c0ffee";
+    f.contentType = "text/plain";
+    f.created = At(1500000000001, Qt::LocalTime);
+    f.lastModified = At(1500000000002, Qt::UTC);
     f.size = 5000000000LL;
     f.transferDirection = 3;
-    f.properties = {{QStringLiteral("version"), QStringLiteral("7")},
-                    {QStringLiteral("versionId"), QStringLiteral("v-7")}};
-    f.lastTransferAttempt = OffsetTime(1500000000003, 19800);
+    f.properties = {{"version", "7"}, {"versionId", "v-7"}};
+    f.lastTransferAttempt = At(1500000000003, Qt::OffsetFromUTC, 19800);
     f.generatedKind = 4;
     f.parentFileId = 99;
-    f.privilegeInfo = QStringLiteral("r--");
+    f.privilegeInfo = "r--";
     f.privileges = PrivilegeDownload;
     f.isGenerated = 0;
-    f.serverFileId = QStringLiteral("id-1");
-    f.serverChecksum = QStringLiteral("SC");
-    f.fileLinks = {FileLink(1LL << 40, QStringLiteral("t"), QStringLiteral("k"), QString()),
-                   FileLink(-3, QString(), QStringLiteral("k2"), QStringLiteral("x"))};
-    f.serverModified = ZoneTime(1500000000004, "Asia/Tokyo");
+    f.serverFileId = "id-1";
+    f.serverChecksum = "SC";
+    f.fileLinks = {FileLink(1LL << 40, "t", "k", QString()), FileLink(-3, QString(), "k2", "x")};
+    f.serverModified = At(1500000000004, "Asia/Tokyo");
     f.syncStatus = FileSynchronizationStatus::NotSynchronized;
     f.referencesOnly = 1;
     f.transferPending = true;
@@ -95,308 +89,210 @@ FileConfiguration PopulatedFile(const FolderConfiguration& folder) {
     return f;
 }
 
-void ExpectFolderTimes(const FolderConfiguration& e, const FolderConfiguration& a) {
-    ExpectSameTime(e.lastModified, a.lastModified, "lastModified");
-    ExpectSameTime(e.lastSyncTime, a.lastSyncTime, "lastSyncTime");
-    ExpectSameTime(e.lastServerSyncRequestTime, a.lastServerSyncRequestTime,
-                   "lastServerSyncRequestTime");
+std::string Times(const FolderConfiguration& f) {
+    return TimeText(f.lastModified) + " | " + TimeText(f.lastSyncTime) + " | " +
+           TimeText(f.lastServerSyncRequestTime);
+}
+std::string Times(const FileConfiguration& f) {
+    return TimeText(f.created) + " | " + TimeText(f.lastModified) + " | " +
+           TimeText(f.lastTransferAttempt) + " | " + TimeText(f.serverModified);
 }
 
-void ExpectFileTimes(const FileConfiguration& e, const FileConfiguration& a) {
-    ExpectSameTime(e.created, a.created, "created");
-    ExpectSameTime(e.lastModified, a.lastModified, "lastModified");
-    ExpectSameTime(e.lastTransferAttempt, a.lastTransferAttempt, "lastTransferAttempt");
-    ExpectSameTime(e.serverModified, a.serverModified, "serverModified");
+// The records listed, in order, equal the expected ones; a failure names the ids.
+template <typename Record>
+::testing::AssertionResult Same(const QVector<Record>& actual,
+                                std::initializer_list<Record> expected) {
+    auto ids = [](const auto& records) {
+        std::string text;
+        for (const Record& r : records) text += std::to_string(r.id) + " ";
+        return text;
+    };
+    if (actual == QVector<Record>(expected)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure() << "ids " << ids(actual) << "instead of " << ids(expected);
 }
 
-template <typename Backend>
-class ConfigManagerConformance : public ::testing::Test {
+class ManagerTest : public sync::test::DatabaseTest {
 protected:
-    FolderConfiguration AddRoot(const QString& localPath, int account = 1) {
-        FolderConfiguration root = Root(localPath, account);
-        EXPECT_TRUE(backend.Folders()->AddFolder(root));
-        return root;
-    }
-    FolderConfiguration AddChild(const FolderConfiguration& parent, const QString& name) {
-        FolderConfiguration f = Child(parent, name);
-        EXPECT_TRUE(backend.Folders()->AddFolder(f));
+    FolderConfiguration Add(FolderConfiguration f) {
+        EXPECT_TRUE(folders->AddFolder(f)) << f.localPath.toStdString();
         return f;
     }
-    FileConfiguration AddFile(const FolderConfiguration& folder, const QString& name) {
-        FileConfiguration f = File(folder, name);
-        backend.Files()->AddFile(f);
+    FileConfiguration Add(FileConfiguration f) {
+        EXPECT_TRUE(files->AddFile(f)) << f.localPath.toStdString();
         return f;
     }
-
-    Backend backend;
 };
 
-using BackendTypes = ::testing::Types<SqliteBackend>;
-TYPED_TEST_SUITE(ConfigManagerConformance, BackendTypes);
+TEST_F(ManagerTest, PopulatedRecordsComeBackUnchanged) {
+    FolderConfiguration folder = Add(PopulatedFolder(Add(Root("/home/u/Docs"))));
+    FileConfiguration file = Add(PopulatedFile(folder));
+    auto expectStored = [&](const char* when) {
+        SCOPED_TRACE(when);
+        Reopen();
+        const FolderConfiguration readFolder = folders->GetFolderById(folder.id);
+        EXPECT_TRUE(readFolder == folder);
+        EXPECT_EQ(Times(readFolder), Times(folder));
+        const FileConfiguration readFile = files->GetFileById(file.id);
+        EXPECT_TRUE(readFile == file);
+        EXPECT_EQ(Times(readFile), Times(file));
+    };
+    expectStored("added");
 
-TYPED_TEST(ConfigManagerConformance, FolderRecordComesBackUnchangedAfterReopen) {
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/home/u/Docs"));
-    FolderConfiguration folder = PopulatedFolder(root);
-    ASSERT_TRUE(this->backend.Folders()->AddFolder(folder));
-    ASSERT_GE(folder.id, 1);
-
-    this->backend.Reopen();
-    const FolderConfiguration read = this->backend.Folders()->GetFolderById(folder.id);
-    EXPECT_TRUE(read == folder);
-    ExpectFolderTimes(folder, read);
-
-    folder.name = QStringLiteral("renamed");
+    folder.name = "renamed";
     folder.lastModified = QDateTime();
     folder.properties.clear();
     folder.syncStatus = FolderSynchronizationStatus::Synchronized;
-    ASSERT_TRUE(this->backend.Folders()->UpdateFolder(folder));
-    const FolderConfiguration updated = this->backend.Folders()->GetFolderById(folder.id);
-    EXPECT_TRUE(updated == folder);
-    EXPECT_TRUE(updated.lastModified.isNull());
-}
-
-TYPED_TEST(ConfigManagerConformance, FileRecordComesBackUnchangedAfterReopen) {
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/home/u/Docs"));
-    FileConfiguration file = PopulatedFile(root);
-    ASSERT_TRUE(this->backend.Files()->AddFile(file));
-    ASSERT_GE(file.id, 1);
-
-    this->backend.Reopen();
-    const FileConfiguration read = this->backend.Files()->GetFileById(file.id);
-    EXPECT_TRUE(read == file);
-    ExpectFileTimes(file, read);
-
     file.fileLinks.removeFirst();
-    file.properties.remove(QStringLiteral("version"));
+    file.properties.remove("version");
     file.created = QDateTime();
     file.size = 0;
-    ASSERT_TRUE(this->backend.Files()->UpdateFile(file));
-    const FileConfiguration updated = this->backend.Files()->GetFileById(file.id);
-    EXPECT_TRUE(updated == file);
-    ExpectFileTimes(file, updated);
+    ASSERT_TRUE(folders->UpdateFolder(folder));
+    ASSERT_TRUE(files->UpdateFile(file));
+    expectStored("updated");
 }
 
-TYPED_TEST(ConfigManagerConformance, AddedRootIsItsOwnRootAndListsItself) {
-    auto folders = this->backend.Folders();
-    const FolderConfiguration first = this->AddRoot(QStringLiteral("/a"));
-    const FolderConfiguration second = this->AddRoot(QStringLiteral("/b"));
+TEST_F(ManagerTest, RootsAreTheirOwnRootAndComeFirstAmongTheirFolders) {
+    const auto first = Add(Root("/a"));
+    auto second = Add(Root("/b"));
     EXPECT_GE(first.id, 1);
-    EXPECT_EQ(first.rootId, first.id);
+    EXPECT_GT(second.id, first.id);
+    const auto sub = Add(Child(second, "sub"));
+    auto noRootId = Child(sub, "t");
+    noRootId.rootId = -1;  // taken from the parent record
+    noRootId = Add(noRootId);
+    EXPECT_EQ(noRootId.rootId, second.id);
+    EXPECT_TRUE(Same(folders->GetRootFolders(), {first, second}));  // as stored: rootId == id
     EXPECT_EQ(first.inheritedId, first.id);
-    EXPECT_TRUE(first.isRoot());
-    const FolderConfiguration sub = this->AddChild(second, QStringLiteral("sub"));
+    EXPECT_TRUE(Same(folders->GetFoldersByRootId(second.id), {second, sub, noRootId}));
 
-    const auto roots = folders->GetRootFolders();
-    ASSERT_EQ(roots.size(), 2);
-    EXPECT_TRUE(roots[0] == first);
-    EXPECT_TRUE(roots[1] == second);
-
-    const auto ofSecond = folders->GetFoldersByRootId(second.id);
-    ASSERT_EQ(ofSecond.size(), 2);
-    EXPECT_TRUE(ofSecond[0] == second);
-    EXPECT_TRUE(ofSecond[1] == sub);
-}
-
-TYPED_TEST(ConfigManagerConformance, RootAddedAgainGetsANewIdAsItsRoot) {
-    auto folders = this->backend.Folders();
-    FolderConfiguration root = this->AddRoot(QStringLiteral("/a"));
-    const int oldId = root.id;
+    // A root added again after its records were removed becomes a new root.
+    const int oldId = second.id;
     ASSERT_TRUE(folders->RemoveRootFolder(oldId));
-    root.syncOption |= RootFolderReset;
-    ASSERT_TRUE(folders->AddFolder(root));
-    EXPECT_NE(root.id, oldId);
-    EXPECT_EQ(root.rootId, root.id);
-    EXPECT_EQ(root.inheritedId, root.id);
-    const auto roots = folders->GetRootFolders();
-    ASSERT_EQ(roots.size(), 1);
-    EXPECT_TRUE(roots[0] == root);
+    second.syncOption |= RootFolderReset;
+    second = Add(second);
+    EXPECT_NE(second.id, oldId);
+    EXPECT_EQ(second.rootId, second.id);
+    EXPECT_EQ(second.inheritedId, second.id);
+    EXPECT_TRUE(Same(folders->GetRootFolders(), {first, second}));
 }
 
-TYPED_TEST(ConfigManagerConformance, FolderWithoutRootIdTakesItsParentsRoot) {
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/a"));
-    FolderConfiguration sub = Child(root, QStringLiteral("sub"));
-    sub.rootId = -1;
-    ASSERT_TRUE(this->backend.Folders()->AddFolder(sub));
-    EXPECT_EQ(sub.rootId, root.id);
-    EXPECT_EQ(this->backend.Folders()->GetFolderById(sub.id).rootId, root.id);
-}
-
-TYPED_TEST(ConfigManagerConformance, RecordsWithoutIdAreNeitherWrittenNorFound) {
-    auto folders = this->backend.Folders();
-    auto files = this->backend.Files();
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/a"));
-    const FileConfiguration stored = this->AddFile(root, QStringLiteral("x"));
-
-    FolderConfiguration unsaved = Child(root, QStringLiteral("never"));
-    EXPECT_FALSE(folders->UpdateFolder(unsaved));
-    FileConfiguration unsavedFile = File(root, QStringLiteral("x"));
-    EXPECT_FALSE(files->UpdateFile(unsavedFile));
+TEST_F(ManagerTest, UnsavedRecordsAreNotWrittenAndMissingOnesHaveIdMinusOne) {
+    const auto root = Add(Root("/a"));
+    const auto stored = Add(File(root, "x"));
+    EXPECT_FALSE(folders->UpdateFolder(Child(root, "never")));
+    auto unsaved = stored;
+    unsaved.id = -1;
+    unsaved.size = 7;
+    EXPECT_FALSE(files->UpdateFile(unsaved));
     EXPECT_EQ(folders->GetFoldersByRootId(root.id).size(), 1);
     EXPECT_TRUE(files->GetFileById(stored.id) == stored);
 
     EXPECT_EQ(folders->GetFolderById(12345).id, -1);
-    EXPECT_EQ(folders->GetFolderByPath(QStringLiteral("/nowhere"), 1).id, -1);
+    EXPECT_EQ(folders->GetFolderByPath("/nowhere", 1).id, -1);
     EXPECT_EQ(files->GetFileById(12345).id, -1);
-    EXPECT_EQ(files->GetFileByPath(QStringLiteral("/nowhere"), 1).id, -1);
-    // A plain file is not a generated file.
-    EXPECT_EQ(files->GetGeneratedFileById(stored.id).id, -1);
+    EXPECT_EQ(files->GetFileByPath("/nowhere", 1).id, -1);
+    EXPECT_EQ(files->GetGeneratedFileById(stored.id).id, -1);  // a plain file is not generated
 }
 
-TYPED_TEST(ConfigManagerConformance, PathLookupsIgnoreCaseButNotTheAccount) {
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/home/Ünïcode/Straße"), 4);
-    const FolderConfiguration sub = this->AddChild(root, QStringLiteral("ÄÖÜ Ordner"));
-    const FileConfiguration file = this->AddFile(sub, QStringLiteral("Ème.TXT"));
-    struct Row {
-        QString query;
+TEST_F(ManagerTest, PathLookupsIgnoreCaseButNotTheAccount) {
+    const auto sub = Add(Child(Add(Root("/home/Ünïcode/Straße", 4)), "ÄÖÜ Ordner"));
+    const auto file = Add(File(sub, "Ème.TXT"));
+    const struct {
+        const char* path;
         int account;
-        bool found;
+        int found;
+    } rows[] = {
+        {"/home/Ünïcode/Straße/ÄÖÜ Ordner", 4, sub.id},
+        {"/home/üNÏCODE/straße/äöü ORDNER", 4, sub.id},
+        {"/HOME/üNÏCODE/STRASSE/äöü ordner", 4, -1},  // ß is not SS
+        {"/home/ünïcode/straße/äöü ordner", 5, -1},
+        {"/home/ünïcode/straße/äöü", 4, -1},
+        {"/home/ünïcode/straße/äöü ordner/ème.txt", 4, file.id},
+        {"/home/ünïcode/straße/äöü ordner/ème.txt", 5, -1},
+        {"/home/ünïcode/straße/äöü ordner/eme.txt", 4, -1},
     };
-    const Row folderRows[] = {
-        {QStringLiteral("/home/Ünïcode/Straße/ÄÖÜ Ordner"), 4, true},
-        {QStringLiteral("/HOME/üNÏCODE/STRASSE/äöü ordner"), 4, false},  // ß is not SS
-        {QStringLiteral("/home/üNÏCODE/straße/äöü ORDNER"), 4, true},
-        {QStringLiteral("/home/ünïcode/straße/äöü ordner"), 5, false},
-        {QStringLiteral("/home/ünïcode/straße/äöü"), 4, false},
-    };
-    for (const auto& row : folderRows) {
-        SCOPED_TRACE(row.query.toStdString());
-        const FolderConfiguration found =
-            this->backend.Folders()->GetFolderByPath(row.query, row.account);
-        EXPECT_EQ(found.id, row.found ? sub.id : -1);
-    }
-    const Row fileRows[] = {
-        {QStringLiteral("/home/ünïcode/straße/äöü ordner/ème.txt"), 4, true},
-        {QStringLiteral("/home/ünïcode/straße/äöü ordner/ème.txt"), 5, false},
-        {QStringLiteral("/home/ünïcode/straße/äöü ordner/eme.txt"), 4, false},
-    };
-    for (const auto& row : fileRows) {
-        SCOPED_TRACE(row.query.toStdString());
-        const FileConfiguration found =
-            this->backend.Files()->GetFileByPath(row.query, row.account);
-        EXPECT_EQ(found.id, row.found ? file.id : -1);
-        if (row.found) {
-            EXPECT_TRUE(found == file);
-        }
+    for (const auto& row : rows) {
+        const QString path = QString::fromUtf8(row.path);
+        const int found = path.endsWith(".txt") ? files->GetFileByPath(path, row.account).id
+                                                : folders->GetFolderByPath(path, row.account).id;
+        EXPECT_EQ(found, row.found) << row.path << " account " << row.account;
     }
 }
 
-TYPED_TEST(ConfigManagerConformance, OrphansAreRecordsWhoseRootRecordIsGone) {
-    auto folders = this->backend.Folders();
-    auto files = this->backend.Files();
-    const FolderConfiguration kept = this->AddRoot(QStringLiteral("/kept"));
-    const FolderConfiguration keptSub = this->AddChild(kept, QStringLiteral("s"));
-    this->AddFile(keptSub, QStringLiteral("f"));
-    // Only its rootId is damaged: the inheritedId still ties it to a live root.
-    FolderConfiguration halfDamaged = Child(kept, QStringLiteral("h"));
-    halfDamaged.rootId = 777;
-    ASSERT_TRUE(folders->AddFolder(halfDamaged));
+TEST_F(ManagerTest, OrphansAreRecordsWhoseRootRecordIsGone) {
+    const auto kept = Add(Root("/kept"));
+    Add(File(Add(Child(kept, "s")), "f"));
+    auto halfDamaged = Child(kept, "h");
+    halfDamaged.rootId = 777;  // its inheritedId still ties it to a live root
+    Add(halfDamaged);
 
-    const FolderConfiguration gone = this->AddRoot(QStringLiteral("/gone"));
-    const FolderConfiguration goneSub = this->AddChild(gone, QStringLiteral("s"));
-    const FolderConfiguration goneSubSub = this->AddChild(goneSub, QStringLiteral("t"));
-    const FileConfiguration goneFile = this->AddFile(goneSubSub, QStringLiteral("g"));
+    const auto gone = Add(Root("/gone"));
+    const auto goneSub = Add(Child(gone, "s"));
+    const auto goneSubSub = Add(Child(goneSub, "t"));
+    const auto goneFile = Add(File(goneSubSub, "g"));
     folders->RemoveFolder(gone.id);
-
-    const auto orphanFolders = folders->GetFoldersOfMissingRootFolders();
-    ASSERT_EQ(orphanFolders.size(), 2);
-    EXPECT_TRUE(orphanFolders[0] == goneSub);
-    EXPECT_TRUE(orphanFolders[1] == goneSubSub);
-    const auto orphanFiles = files->GetFilesOfMissingRootFolders();
-    ASSERT_EQ(orphanFiles.size(), 1);
-    EXPECT_TRUE(orphanFiles[0] == goneFile);
+    EXPECT_TRUE(Same(folders->GetFoldersOfMissingRootFolders(), {goneSub, goneSubSub}));
+    EXPECT_TRUE(Same(files->GetFilesOfMissingRootFolders(), {goneFile}));
 }
 
-TYPED_TEST(ConfigManagerConformance, DuplicateRecordsAreAllListedAndRemovedOneByOne) {
-    auto files = this->backend.Files();
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/r"));
-    const FileConfiguration first = this->AddFile(root, QStringLiteral("dup.txt"));
-    FileConfiguration second = File(root, QStringLiteral("DUP.txt"));
-    ASSERT_TRUE(files->AddFile(second));
-    ASSERT_GT(second.id, first.id);
-
-    auto listed = files->GetFilesByRootId(root.id, false);
-    ASSERT_EQ(listed.size(), 2);
-    EXPECT_EQ(listed[0].id, first.id);
-    EXPECT_EQ(listed[1].id, second.id);
-
+TEST_F(ManagerTest, DuplicateRecordsAreAllListedAndRemovedOneByOne) {
+    const auto root = Add(Root("/r"));
+    const auto first = Add(File(root, "dup.txt"));
+    const auto second = Add(File(root, "DUP.txt"));
+    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, false), {first, second}));
     files->RemoveFile(first.id);
-    listed = files->GetFilesByRootId(root.id, false);
-    ASSERT_EQ(listed.size(), 1);
-    EXPECT_TRUE(listed[0] == second);
-    EXPECT_EQ(files->GetFileByPath(QStringLiteral("/r/dup.txt"), 1).id, second.id);
+    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, false), {second}));
+    EXPECT_EQ(files->GetFileByPath("/r/dup.txt", 1).id, second.id);
 }
 
-TYPED_TEST(ConfigManagerConformance, GeneratedFilesAreKeptApartFromPlainFiles) {
-    auto files = this->backend.Files();
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/r"));
-    const FolderConfiguration other = this->AddRoot(QStringLiteral("/o"));
-    const FileConfiguration plain = this->AddFile(root, QStringLiteral("a.doc"));
-    auto generated = [&](const FolderConfiguration& folder, const QString& name, int kind) {
+TEST_F(ManagerTest, GeneratedFilesAreKeptApartFromPlainFiles) {
+    const auto root = Add(Root("/r"));
+    const auto plain = Add(File(root, "a.doc"));
+    auto generated = [&](const FolderConfiguration& folder, const char* name, int kind) {
         FileConfiguration g = File(folder, name);
         g.isGenerated = 1;
         g.generatedKind = kind;
         g.parentFileId = plain.id;
-        EXPECT_TRUE(files->AddFile(g));
-        return g;
+        return Add(g);
     };
-    const FileConfiguration base = generated(root, QStringLiteral("a.doc.BASE"), 2);
-    const FileConfiguration preview = generated(root, QStringLiteral("a.png"), 5);
-    const FileConfiguration otherBase = generated(other, QStringLiteral("b.BASE"), 2);
+    const auto base = generated(root, "a.doc.BASE", 2);
+    const auto preview = generated(root, "a.png", 5);
+    const auto otherBase = generated(Add(Root("/o")), "b.BASE", 2);
 
-    EXPECT_EQ(files->GetFilesByRootId(root.id, false).size(), 1);
-    EXPECT_EQ(files->GetFilesByRootId(root.id, true).size(), 3);
-    const auto ofRoot = files->GetGeneratedFilesByRootId(root.id, false);
-    ASSERT_EQ(ofRoot.size(), 2);
-    EXPECT_TRUE(ofRoot[0] == base);
-    EXPECT_TRUE(ofRoot[1] == preview);
-    const auto bases = files->GetGeneratedFilesByKind(2);
-    ASSERT_EQ(bases.size(), 2);
-    EXPECT_TRUE(bases[0] == base);
-    EXPECT_TRUE(bases[1] == otherBase);
+    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, false), {plain}));
+    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, true), {plain, base, preview}));
+    EXPECT_TRUE(Same(files->GetGeneratedFilesByRootId(root.id, false), {base, preview}));
+    EXPECT_TRUE(Same(files->GetGeneratedFilesByKind(2), {base, otherBase}));
     EXPECT_TRUE(files->GetGeneratedFileById(preview.id) == preview);
 
     files->RemoveGeneratedFileById(plain.id);  // not generated: stays
     files->RemoveGeneratedFileById(base.id);
     files->RemoveGeneratedFile(preview.id);
-    EXPECT_EQ(files->GetFileById(plain.id).id, plain.id);
-    EXPECT_EQ(files->GetFileById(base.id).id, -1);
-    EXPECT_TRUE(files->GetGeneratedFilesByRootId(root.id, false).isEmpty());
+    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, true), {plain}));
 }
 
-TYPED_TEST(ConfigManagerConformance, RemovingARootRemovesWhatBelongsToItOnly) {
-    auto folders = this->backend.Folders();
-    auto files = this->backend.Files();
-    const FolderConfiguration a = this->AddRoot(QStringLiteral("/a"), 1);
-    const FolderConfiguration b = this->AddRoot(QStringLiteral("/b"), 1);
-    const FolderConfiguration c = this->AddRoot(QStringLiteral("/c"), 2);
-    const FolderConfiguration aSub = this->AddChild(a, QStringLiteral("s"));
-    const FileConfiguration aFile = this->AddFile(aSub, QStringLiteral("f"));
-    const FileConfiguration bFile = this->AddFile(b, QStringLiteral("f"));
+TEST_F(ManagerTest, RemovingARootRemovesWhatBelongsToItOnly) {
+    const auto a = Add(Root("/a", 1));
+    const auto b = Add(Root("/b", 1));
+    const auto c = Add(Root("/c", 2));
+    const auto aSub = Add(Child(a, "s"));
+    const auto aFile = Add(File(aSub, "f"));
+    const auto bFile = Add(File(b, "f"));
 
     ASSERT_TRUE(folders->RemoveRootFolder(a.id));
-    EXPECT_EQ(folders->GetFolderById(a.id).id, -1);
     EXPECT_EQ(folders->GetFolderById(aSub.id).id, -1);
     EXPECT_EQ(files->GetFileById(aFile.id).id, -1);
     EXPECT_TRUE(files->GetFileById(bFile.id) == bFile);
     EXPECT_FALSE(folders->RemoveRootFolder(a.id));
 
     EXPECT_TRUE(folders->IsAuthenticationInUse(1));
+    const auto bSub = Add(Child(b, "s"));
+    EXPECT_TRUE(folders->DeleteFolderById(bSub.id));
+    EXPECT_FALSE(folders->DeleteFolderById(bSub.id));
     ASSERT_TRUE(folders->RemoveRootFolder(b.id));
     EXPECT_FALSE(folders->IsAuthenticationInUse(1));
     EXPECT_TRUE(folders->IsAuthenticationInUse(2));
-    ASSERT_EQ(folders->GetRootFolders().size(), 1);
-    EXPECT_EQ(folders->GetRootFolders()[0].id, c.id);
-}
-
-TYPED_TEST(ConfigManagerConformance, DeleteFolderByIdTellsWhetherARecordWent) {
-    auto folders = this->backend.Folders();
-    const FolderConfiguration root = this->AddRoot(QStringLiteral("/a"));
-    const FolderConfiguration sub = this->AddChild(root, QStringLiteral("s"));
-    EXPECT_TRUE(folders->DeleteFolderById(sub.id));
-    EXPECT_FALSE(folders->DeleteFolderById(sub.id));
-    EXPECT_EQ(folders->GetFoldersByRootId(root.id).size(), 1);
-    folders->ReleaseMemory();
-    EXPECT_TRUE(folders->GetFolderById(root.id) == root);
+    EXPECT_TRUE(Same(folders->GetRootFolders(), {c}));
 }
 
 }  // namespace
