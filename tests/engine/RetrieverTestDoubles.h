@@ -1,5 +1,7 @@
 #pragma once
 
+// Test doubles of the tree retriever and tree differ tests.
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <QStringList>
@@ -8,9 +10,8 @@
 
 #include "CoreFactory.h"
 #include "ICheckForExit.h"
+#include "ICryptographicHash.h"
 #include "IFileConfigManager.h"
-#include "IRemoteFileManagerFactory.h"
-#include "IRemoteFolderManagerFactory.h"
 #include "ISyncFilter.h"
 
 namespace sync {
@@ -19,10 +20,9 @@ namespace test {
 // Answers "stop" from the n-th question on (never when n is negative).
 class CountingCheckForExit : public sync::interf::ICheckForExit {
 public:
-    explicit CountingCheckForExit(int stopAt = -1) : stopAt(stopAt) {}
     bool ShouldExit() override { return stopAt >= 0 && ++asked >= stopAt; }
     bool ShouldExitThread() override { return false; }
-    int stopAt;
+    int stopAt = -1;
     int asked = 0;
 };
 
@@ -30,14 +30,12 @@ public:
 // test controls.
 class TestCoreFactory : public sync::factory::CoreFactory {
 public:
-    explicit TestCoreFactory(std::shared_ptr<sync::interf::ICheckForExit> exit)
-        : exit(std::move(exit)) {}
     std::shared_ptr<sync::interf::ICheckForExit> CreateCheckForExit() override { return exit; }
     std::shared_ptr<sync::interf::IQDirIteratorWrapper> CreateQDirIterator(
         const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags) override {
         return walker ? walker : CoreFactory::CreateQDirIterator(path, filters, flags);
     }
-    std::shared_ptr<sync::interf::ICheckForExit> exit;
+    std::shared_ptr<CountingCheckForExit> exit = std::make_shared<CountingCheckForExit>();
     std::shared_ptr<sync::interf::IQDirIteratorWrapper> walker;
 };
 
@@ -45,21 +43,40 @@ public:
 class ListSyncFilter : public sync::interf::ISyncFilter {
 public:
     int FilterFile(const QString& path, qint64 size, bool serverSide) override {
-        askedFiles.append(path);
         sizes.append(size);
         sides.append(serverSide);
         return excluded.contains(path) ? 1 : 0;
     }
     int FilterFolder(const QString& path, bool serverSide) override {
-        askedFolders.append(path);
         sides.append(serverSide);
         return excluded.contains(path) ? 1 : 0;
     }
     QStringList excluded;
-    QStringList askedFiles;
-    QStringList askedFolders;
     QVector<qint64> sizes;
     QVector<bool> sides;
+};
+
+class MockCryptographicHash : public sync::interf::ICryptographicHash {
+public:
+    MOCK_METHOD(QString, GetFileHash, (const QString& filePath), (override));
+};
+
+// Installs, for each test, a core factory whose hash service is a strict mock: a hash that
+// a test does not expect fails it. Nothing else may be asked of it (it would forward to itself).
+class MockHashTest : public ::testing::Test {
+protected:
+    struct HashFactory : sync::factory::CoreFactory {
+        std::shared_ptr<sync::interf::ICryptographicHash> CreateCryptographicHash() override {
+            return hash;
+        }
+        std::shared_ptr<::testing::StrictMock<MockCryptographicHash>> hash =
+            std::make_shared<::testing::StrictMock<MockCryptographicHash>>();
+    };
+    void SetUp() override { sync::factory::CoreFactory::SetDelegate(factory); }
+    void TearDown() override { sync::factory::CoreFactory::SetDelegate(nullptr); }
+
+    std::shared_ptr<HashFactory> factory = std::make_shared<HashFactory>();
+    MockCryptographicHash& hash = *factory->hash;
 };
 
 class MockFileConfigManager : public sync::interf::IFileConfigManager {
@@ -77,38 +94,6 @@ public:
     MOCK_METHOD(void, RemoveFile, (int), (override));
     MOCK_METHOD(void, RemoveGeneratedFileById, (int), (override));
     MOCK_METHOD(void, RemoveGeneratedFile, (int), (override));
-};
-
-class MockRemoteFolderManager : public sync::interf::IRemoteFolderManager {
-public:
-    using Folder = sync::config::FolderConfiguration;
-    using File = sync::config::FileConfiguration;
-    MOCK_METHOD(sync::core::SyncResults, CreateFolder, (Folder&, const QString&, bool), (override));
-    MOCK_METHOD(sync::core::SyncResults, DeleteFolder, (Folder&), (override));
-    MOCK_METHOD(bool, GetFolderInfo, (const Folder&, Folder&), (override));
-    MOCK_METHOD(int, GetFolderTree,
-                (Folder&, std::shared_ptr<QVector<Folder>>, std::shared_ptr<QVector<File>>),
-                (override));
-};
-
-class MockRemoteFileManager : public sync::interf::IRemoteFileManager {
-public:
-    MOCK_METHOD(int, GetRootFiles,
-                (sync::config::FolderConfiguration&,
-                 std::shared_ptr<QVector<sync::config::FileConfiguration>>),
-                (override));
-};
-
-class MockRemoteFolderManagerFactory : public sync::interf::factory::IRemoteFolderManagerFactory {
-public:
-    MOCK_METHOD(std::shared_ptr<sync::interf::IRemoteFolderManager>, CreateRemoteFolderManager,
-                (int), (override));
-};
-
-class MockRemoteFileManagerFactory : public sync::interf::factory::IRemoteFileManagerFactory {
-public:
-    MOCK_METHOD(std::shared_ptr<sync::interf::IRemoteFileManager>, CreateRemoteFileManager, (int),
-                (override));
 };
 
 }  // namespace test

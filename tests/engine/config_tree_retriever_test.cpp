@@ -16,12 +16,9 @@ using sync::syncService::ConfigEntryInfoTreeRetriever;
 namespace {
 
 // Records of one root in the order they are stored, and which of them the repair must keep.
+// Paths are server paths separated by spaces; the kept ones sorted, the root "/Docs" included.
 struct DuplicateRow {
-    const char* name;
-    QStringList folders;  // serverPaths below the root record "/Docs"
-    QStringList files;
-    QStringList keptFolders;  // serverPaths, root included
-    QStringList keptFiles;
+    const char *name, *folders, *files, *keptFolders, *keptFiles;
     QStringList warnings;
 };
 
@@ -29,60 +26,70 @@ void PrintTo(const DuplicateRow& row, std::ostream* os) {
     *os << row.name;
 }
 
-QString LocalOf(const QString& serverPath) {
-    return QStringLiteral("/home/u") + serverPath;
-}
-
 const DuplicateRow kRows[] = {
     {"NoDuplicates",
-     {"/Docs/Sub"},
-     {"/Docs/a.txt", "/Docs/Sub/a.txt"},
-     {"/Docs", "/Docs/Sub"},
-     {"/Docs/a.txt", "/Docs/Sub/a.txt"},
+     "/Docs/Sub",
+     "/Docs/a.txt /Docs/Sub/a.txt",
+     "/Docs /Docs/Sub",
+     "/Docs/Sub/a.txt /Docs/a.txt",
      {}},
     {"FilesDifferingInCase",
-     {},
-     {"/Docs/A.txt", "/Docs/b.txt", "/docs/a.TXT"},
-     {"/Docs"},
-     {"/docs/a.TXT", "/Docs/b.txt"},
+     "",
+     "/Docs/A.txt /Docs/b.txt /docs/a.TXT",
+     "/Docs",
+     "/Docs/b.txt /docs/a.TXT",
      {"1 duplicate file(s) found in sync database. Removing duplicate files.",
       "Removing duplicate file from database: /home/u/Docs/A.txt"}},
     {"ThreeRecordsForOnePath",
-     {},
-     {"/Docs/a.txt", "/Docs/A.txt", "/DOCS/A.TXT"},
-     {"/Docs"},
-     {"/DOCS/A.TXT"},
+     "",
+     "/Docs/a.txt /Docs/A.txt /DOCS/A.TXT",
+     "/Docs",
+     "/DOCS/A.TXT",
      {"2 duplicate file(s) found in sync database. Removing duplicate files.",
       "Removing duplicate file from database: /home/u/Docs/a.txt",
       "Removing duplicate file from database: /home/u/Docs/A.txt"}},
     {"FoldersAndFiles",
-     {"/Docs/Sub", "/Docs/SUB"},
-     {"/Docs/Sub/x", "/Docs/SUB/X"},
-     {"/Docs", "/Docs/SUB"},
-     {"/Docs/SUB/X"},
+     "/Docs/Sub /Docs/SUB",
+     "/Docs/Sub/x /Docs/SUB/X",
+     "/Docs /Docs/SUB",
+     "/Docs/SUB/X",
      {"1 duplicate file(s) found in sync database. Removing duplicate files.",
       "Removing duplicate file from database: /home/u/Docs/Sub/x",
       "1 duplicate folder(s) found in sync database. Removing duplicate folders.",
       "Removing duplicate folder from database: /home/u/Docs/Sub"}},
-    {"EmptyRoot", {}, {}, {"/Docs"}, {}, {}},
+    {"EmptyRoot", "", "", "/Docs", "", {}},
 };
+
+// The server paths of records, sorted and joined by spaces.
+template <typename Records>
+QString Paths(const Records& records) {
+    QStringList paths;
+    for (const auto& record : records) paths << record.serverPath;
+    paths.sort();
+    return paths.join(' ');
+}
+
+// The same for a tree, whose records must sit under their lower-case server path.
+template <typename Map>
+QString TreePaths(const Map& map) {
+    for (auto it = map.cbegin(); it != map.cend(); ++it)
+        EXPECT_EQ(it.key(), it->serverPath.toLower());
+    return Paths(map);
+}
 
 class ConfigDuplicateTest : public ::testing::TestWithParam<DuplicateRow> {
 protected:
     void SetUp() override {
         ASSERT_TRUE(tmp.isValid());
-        dbPath = tmp.filePath(QStringLiteral("sync.db"));
         Open();
-        root.authenticationId = 3;
-        root.serverPath = QStringLiteral("/Docs");
-        root.localPath = LocalOf(root.serverPath);
-        root.name = QStringLiteral("Docs");
+        root.serverPath = "/Docs";
+        root.localPath = "/home/u/Docs";
         ASSERT_TRUE(folders->AddFolder(root));
     }
     void TearDown() override { Close(); }
 
     void Open() {
-        db = ConfigDatabase::Open(dbPath);
+        db = ConfigDatabase::Open(tmp.filePath("sync.db"));
         ConfigDatabase::Install(db);
         folders = std::make_shared<sync::database::FolderConfigManager>(db);
         files = std::make_shared<sync::database::FileConfigManager>(db);
@@ -95,64 +102,42 @@ protected:
     }
 
     QTemporaryDir tmp;
-    QString dbPath;
     std::shared_ptr<ConfigDatabase> db;
     std::shared_ptr<sync::database::FolderConfigManager> folders;
     std::shared_ptr<sync::database::FileConfigManager> files;
     FolderConfiguration root;
 };
 
-QStringList Sorted(QStringList list) {
-    list.sort();
-    return list;
-}
-
 TEST_P(ConfigDuplicateTest, KeepsTheLastRecordAndRemovesTheOthersForGood) {
     const DuplicateRow& row = GetParam();
-    for (const QString& serverPath : row.folders) {
+    for (const QString& serverPath : QString(row.folders).split(' ', Qt::SkipEmptyParts)) {
         FolderConfiguration f;
-        f.rootId = root.id;
-        f.parentId = root.id;
-        f.authenticationId = root.authenticationId;
+        f.rootId = f.parentId = root.id;
         f.serverPath = serverPath;
-        f.localPath = LocalOf(serverPath);
+        f.localPath = "/home/u" + serverPath;
         ASSERT_TRUE(folders->AddFolder(f));
     }
-    for (const QString& serverPath : row.files) {
+    for (const QString& serverPath : QString(row.files).split(' ', Qt::SkipEmptyParts)) {
         FileConfiguration f;
-        f.rootId = root.id;
-        f.folderId = root.id;
+        f.rootId = f.folderId = root.id;
         f.serverPath = serverPath;
-        f.localPath = LocalOf(serverPath);
+        f.localPath = "/home/u" + serverPath;
         ASSERT_TRUE(files->AddFile(f));
     }
 
     sync::test::LogCapture log;
     auto tree = ConfigEntryInfoTreeRetriever(files, folders).GetEntryInfoTree(root);
 
-    ASSERT_TRUE(tree);
-    QStringList treeFolders, treeFiles;
-    for (auto it = tree->folderMap.cbegin(); it != tree->folderMap.cend(); ++it) {
-        EXPECT_EQ(it.key(), it->serverPath.toLower());
-        treeFolders.append(it->serverPath);
-    }
-    for (auto it = tree->fileMap.cbegin(); it != tree->fileMap.cend(); ++it) {
-        EXPECT_EQ(it.key(), it->serverPath.toLower());
-        treeFiles.append(it->serverPath);
-    }
-    EXPECT_EQ(Sorted(row.keptFolders), Sorted(treeFolders));
-    EXPECT_EQ(Sorted(row.keptFiles), Sorted(treeFiles));
+    EXPECT_EQ(row.keptFolders, TreePaths(tree->folderMap));
+    EXPECT_EQ(row.keptFiles, TreePaths(tree->fileMap));
     EXPECT_EQ(row.warnings, log.Messages(log4cplus::WARN_LOG_LEVEL));
 
     // The repair is in the file: a fresh connection sees only the kept records, and the next
     // retrieval has nothing left to repair.
     Close();
     Open();
-    QStringList storedFolders, storedFiles;
-    for (const auto& f : folders->GetFoldersByRootId(root.id)) storedFolders.append(f.serverPath);
-    for (const auto& f : files->GetFilesByRootId(root.id, false)) storedFiles.append(f.serverPath);
-    EXPECT_EQ(Sorted(row.keptFolders), Sorted(storedFolders));
-    EXPECT_EQ(Sorted(row.keptFiles), Sorted(storedFiles));
+    EXPECT_EQ(row.keptFolders, Paths(folders->GetFoldersByRootId(root.id)));
+    EXPECT_EQ(row.keptFiles, Paths(files->GetFilesByRootId(root.id, false)));
     log.Clear();
     ConfigEntryInfoTreeRetriever(files, folders).GetEntryInfoTree(root);
     EXPECT_TRUE(log.Messages(log4cplus::WARN_LOG_LEVEL).isEmpty());

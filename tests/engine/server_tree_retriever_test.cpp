@@ -1,7 +1,8 @@
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "HttpException.h"
+#include "IRemoteFileManagerFactory.h"
+#include "IRemoteFolderManagerFactory.h"
 #include "LogCapture.h"
 #include "RetrieverTestDoubles.h"
 #include "ServerConfigTreeDiffer.h"
@@ -12,261 +13,210 @@ using namespace sync::test;
 using sync::config::FileConfiguration;
 using sync::config::FolderConfiguration;
 using sync::config::FolderSynchronizationStatus;
-using sync::syncService::EntryAction;
+using sync::core::consts::LOCAL_FILE_MAX_PATH;
+using sync::core::consts::LOCAL_FOLDER_MAX_PATH;
 using sync::syncService::EntryInfoTree;
 using sync::syncService::ServerEntryInfoTreeRetriever;
-using ::testing::_;
-using ::testing::Invoke;
-using ::testing::NiceMock;
-using ::testing::Return;
 
 namespace {
 
-const QString kRootLocal = QStringLiteral("/home/u/Docs");
+const QString kRootLocal = "/home/u/Docs";
+constexpr int kAccount = 7;
 
-FileConfiguration ServerFile(const QString& below, qint64 size = 10) {
-    FileConfiguration f;
-    f.serverPath = QStringLiteral("/Docs/") + below;
-    f.localPath = kRootLocal + QLatin1Char('/') + below;
-    f.name = below.section(QLatin1Char('/'), -1);
-    f.size = size;
-    f.serverFileId = QStringLiteral("id-") + below;
-    f.serverChecksum = QStringLiteral("sum-") + below.toLower();
-    return f;
+// A server that answers both walks of the root's account with one code and one listing.
+class FakeServer : public sync::interf::IRemoteFolderManager,
+                   public sync::interf::IRemoteFileManager,
+                   public sync::interf::factory::IRemoteFolderManagerFactory,
+                   public sync::interf::factory::IRemoteFileManagerFactory,
+                   public std::enable_shared_from_this<FakeServer> {
+public:
+    using Folder = FolderConfiguration;
+    using File = FileConfiguration;
+    sync::core::SyncResults CreateFolder(Folder&, const QString&, bool) override { return {}; }
+    sync::core::SyncResults DeleteFolder(Folder&) override { return {}; }
+    bool GetFolderInfo(const Folder&, Folder&) override { return false; }
+    int GetFolderTree(Folder&, std::shared_ptr<QVector<Folder>> outFolders,
+                      std::shared_ptr<QVector<File>> outFiles) override {
+        *outFolders = folders;
+        *outFiles = files;
+        return code;
+    }
+    int GetRootFiles(Folder&, std::shared_ptr<QVector<File>> outFiles) override {
+        *outFiles = files;
+        return code;
+    }
+    std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(int id) override {
+        EXPECT_EQ(kAccount, id);
+        return shared_from_this();
+    }
+    std::shared_ptr<sync::interf::IRemoteFileManager> CreateRemoteFileManager(int id) override {
+        EXPECT_EQ(kAccount, id);
+        return shared_from_this();
+    }
+    int code = 0;
+    QVector<Folder> folders;
+    QVector<File> files;
+};
+
+template <typename Record>
+Record ServerEntry(const QString& below) {
+    Record r;
+    r.serverPath = "/Docs/" + below;
+    r.localPath = kRootLocal + '/' + below;
+    r.name = below.section('/', -1);
+    return r;
 }
 
-FolderConfiguration ServerFolder(const QString& below) {
-    FolderConfiguration f;
-    f.serverPath = QStringLiteral("/Docs/") + below;
-    f.localPath = kRootLocal + QLatin1Char('/') + below;
-    f.name = below.section(QLatin1Char('/'), -1);
+// The checksum does not depend on the letter case of the path.
+FileConfiguration ServerFile(const QString& below, qint64 size = 10) {
+    auto f = ServerEntry<FileConfiguration>(below);
+    f.size = size;
+    f.serverFileId = "id-" + below;
+    f.serverChecksum = "sum-" + below.toLower();
     return f;
 }
 
 // A name that makes kRootLocal + "/" + prefix + name exactly `length` characters long.
-QString PaddedBelow(const QString& prefix, int length, const QString& suffix = QString()) {
-    const int fixed = kRootLocal.size() + 1 + prefix.size() + suffix.size();
-    return prefix + QString(length - fixed, QLatin1Char('x')) + suffix;
+QString PaddedBelow(const QString& prefix, int length) {
+    return prefix + QString(length - kRootLocal.size() - 1 - prefix.size(), 'x');
+}
+
+QStringList Sorted(QStringList list) {
+    list.sort();
+    return list;
 }
 
 class ServerTreeRetrieverTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        root.id = 1;
-        root.rootId = 1;
-        root.inheritedId = 1;
-        root.authenticationId = 7;
-        root.serverPath = QStringLiteral("/Docs");
+        root.id = root.rootId = 1;
+        root.authenticationId = kAccount;
+        root.serverPath = "/Docs";
         root.localPath = kRootLocal;
         root.syncScope = 0;
         root.setSyncStatus(FolderSynchronizationStatus::Synchronized);
-
-        ON_CALL(*folderFactory, CreateRemoteFolderManager(7)).WillByDefault(Return(folderManager));
-        ON_CALL(*fileFactory, CreateRemoteFileManager(7)).WillByDefault(Return(fileManager));
-        retriever = std::make_unique<ServerEntryInfoTreeRetriever>(
-            nullptr, nullptr, coreFactory, folderFactory, fileFactory, filter, filter);
-        QObject::connect(retriever.get(), &ServerEntryInfoTreeRetriever::FileFilteredOut,
-                         [this](const QString& p) { fileSignals.append(p); });
-        QObject::connect(retriever.get(), &ServerEntryInfoTreeRetriever::FolderFilteredOut,
-                         [this](const QString& p) { folderSignals.append(p); });
-        QObject::connect(retriever.get(), &ServerEntryInfoTreeRetriever::SubFolderNameNotAllowed,
-                         [this](const QString& p) { notAllowedSignals.append(p); });
-    }
-
-    void ServerAnswers(int code, QVector<FolderConfiguration> folders = {},
-                       QVector<FileConfiguration> files = {}) {
-        ON_CALL(*folderManager, GetFolderTree(_, _, _))
-            .WillByDefault(Invoke([=](FolderConfiguration&, auto outFolders, auto outFiles) {
-                *outFolders = folders;
-                *outFiles = files;
-                return code;
-            }));
-        ON_CALL(*fileManager, GetRootFiles(_, _))
-            .WillByDefault(Invoke([=](FolderConfiguration&, auto outFiles) {
-                *outFiles = files;
-                return code;
-            }));
+        server->files = {ServerFile("a.txt")};
+        auto into = [](QStringList& list) { return [&list](const QString& p) { list << p; }; };
+        QObject::connect(&retriever, &ServerEntryInfoTreeRetriever::FileFilteredOut,
+                         into(fileSignals));
+        QObject::connect(&retriever, &ServerEntryInfoTreeRetriever::FolderFilteredOut,
+                         into(folderSignals));
     }
 
     FolderConfiguration root;
-    std::shared_ptr<CountingCheckForExit> checkForExit = std::make_shared<CountingCheckForExit>();
-    std::shared_ptr<TestCoreFactory> coreFactory = std::make_shared<TestCoreFactory>(checkForExit);
-    std::shared_ptr<NiceMock<MockRemoteFolderManager>> folderManager =
-        std::make_shared<NiceMock<MockRemoteFolderManager>>();
-    std::shared_ptr<NiceMock<MockRemoteFileManager>> fileManager =
-        std::make_shared<NiceMock<MockRemoteFileManager>>();
-    std::shared_ptr<NiceMock<MockRemoteFolderManagerFactory>> folderFactory =
-        std::make_shared<NiceMock<MockRemoteFolderManagerFactory>>();
-    std::shared_ptr<NiceMock<MockRemoteFileManagerFactory>> fileFactory =
-        std::make_shared<NiceMock<MockRemoteFileManagerFactory>>();
+    std::shared_ptr<TestCoreFactory> core = std::make_shared<TestCoreFactory>();
+    std::shared_ptr<FakeServer> server = std::make_shared<FakeServer>();
     std::shared_ptr<ListSyncFilter> filter = std::make_shared<ListSyncFilter>();
-    std::unique_ptr<ServerEntryInfoTreeRetriever> retriever;
-    QStringList fileSignals, folderSignals, notAllowedSignals;
+    ServerEntryInfoTreeRetriever retriever{nullptr, nullptr, core, server, server, filter, filter};
+    QStringList fileSignals, folderSignals;
 };
 
-// One row per server answer: what the tree, the flag and the exception must be.
-struct AnswerRow {
-    const char* name;
-    int syncScope;
-    int code;
-    FolderSynchronizationStatus status;
-    int expectedExceptionCode;  // 0: no exception
-    const char* expectedMessage;
-    bool expectRootRecord;
-    bool expectTreeModified;
-};
-
-void PrintTo(const AnswerRow& row, std::ostream* os) {
-    *os << row.name;
-}
-
-const AnswerRow kAnswerRows[] = {
-    {"WholeTreeOk", 0, 0, FolderSynchronizationStatus::Synchronized, 0, "", true, true},
-    {"WholeTreeNotModified", 0, 304, FolderSynchronizationStatus::Synchronized, 0, "", false,
-     false},
-    {"WholeTreeMissingNeverSynced", 0, 404, FolderSynchronizationStatus::NotSynchronized, 0, "",
-     false, true},
-    {"WholeTreeMissing", 0, 404, FolderSynchronizationStatus::Synchronized, 404,
-     "The root folder: /Docs doesn't exist on the server.", false, true},
-    {"WholeTreeServerError", 0, 500, FolderSynchronizationStatus::Synchronized, 500,
-     "Failed to get server folder tree for root folder /Docs", false, true},
-    {"RootOnlyOk", 1, 0, FolderSynchronizationStatus::Synchronized, 0, "", true, true},
-    {"RootOnlyNotModified", 1, 304, FolderSynchronizationStatus::Synchronized, 0, "", false, false},
-    {"RootOnlyMissingNeverSynced", 1, 404, FolderSynchronizationStatus::NotSynchronized, 0, "",
-     true, true},
-    {"RootOnlyMissing", 1, 404, FolderSynchronizationStatus::Synchronized, 404,
-     "The root folder: /Docs doesn't exist in server.", false, true},
-    // No exception, but without a listing the server's side must not be diffed.
-    {"RootOnlyServerError", 1, 500, FolderSynchronizationStatus::Synchronized, 0, "", true, false},
-};
-
-class ServerAnswerTest : public ServerTreeRetrieverTest,
-                         public ::testing::WithParamInterface<AnswerRow> {};
-
-TEST_P(ServerAnswerTest, TreeFlagAndException) {
-    const AnswerRow& row = GetParam();
-    root.syncScope = row.syncScope;
-    root.setSyncStatus(row.status);
-    ServerAnswers(row.code, {}, {ServerFile(QStringLiteral("a.txt"))});
-    // The flag must be reset by each retrieval, not just start out true.
-    retriever->treeModified = false;
-
-    std::shared_ptr<EntryInfoTree> tree;
-    if (row.expectedExceptionCode != 0) {
+TEST_F(ServerTreeRetrieverTest, AnswersDecideTreeFlagAndException) {
+    const struct {
+        const char* name;
+        int syncScope, code;
+        bool neverSynced;
+        const char* exception;  // "": none; else thrown with the server's code
+        bool rootRecord, files, treeModified;
+    } rows[] = {
+        {"WholeTreeOk", 0, 0, false, "", true, true, true},
+        {"WholeTreeNotModified", 0, 304, false, "", false, false, false},
+        {"WholeTreeMissingNeverSynced", 0, 404, true, "", false, false, true},
+        {"WholeTreeMissing", 0, 404, false, "The root folder: /Docs doesn't exist on the server.",
+         false, false, true},
+        {"WholeTreeServerError", 0, 500, false,
+         "Failed to get server folder tree for root folder /Docs", false, false, true},
+        {"RootOnlyOk", 1, 0, false, "", true, true, true},
+        {"RootOnlyNotModified", 1, 304, false, "", false, false, false},
+        {"RootOnlyMissingNeverSynced", 1, 404, true, "", true, false, true},
+        {"RootOnlyMissing", 1, 404, false, "The root folder: /Docs doesn't exist in server.", false,
+         false, true},
+        // No exception, but without a listing the server's side must not be diffed.
+        {"RootOnlyServerError", 1, 500, false, "", true, false, false},
+        // Nothing is asked and the flag keeps the last retrieval's outcome.
+        {"OtherScope", 2, 0, false, "", false, false, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        root.syncScope = row.syncScope;
+        root.setSyncStatus(row.neverSynced ? FolderSynchronizationStatus::NotSynchronized
+                                           : FolderSynchronizationStatus::Synchronized);
+        server->code = row.code;
+        // The flag must be reset by each retrieval, not just start out true.
+        retriever.treeModified = false;
         try {
-            retriever->GetEntryInfoTree(root);
-            FAIL() << "no exception";
+            auto tree = retriever.GetEntryInfoTree(root);
+            EXPECT_STREQ("", row.exception) << "no exception";
+            EXPECT_EQ(row.rootRecord, tree->folderMap.contains("/docs"));
+            EXPECT_EQ(row.files, tree->fileMap.contains("/docs/a.txt"));
         } catch (const sync::http::HttpException& e) {
-            EXPECT_EQ(row.expectedExceptionCode, e.code);
-            EXPECT_EQ(QString::fromLatin1(row.expectedMessage), e.message);
+            EXPECT_EQ(row.code, e.code);
+            EXPECT_EQ(row.exception, e.message);
         }
-    } else {
-        tree = retriever->GetEntryInfoTree(root);
-        ASSERT_TRUE(tree);
-        EXPECT_EQ(row.expectRootRecord, tree->folderMap.contains(QStringLiteral("/docs")));
-        // Files only come from a successful listing.
-        EXPECT_EQ(row.code == 0, tree->fileMap.contains(QStringLiteral("/docs/a.txt")));
+        EXPECT_EQ(row.treeModified, retriever.IsTreeModified());
     }
-    EXPECT_EQ(row.expectTreeModified, retriever->treeModified);
-    EXPECT_EQ(row.expectTreeModified, retriever->IsTreeModified());
-}
-
-INSTANTIATE_TEST_SUITE_P(Answers, ServerAnswerTest, ::testing::ValuesIn(kAnswerRows),
-                         [](const auto& info) { return std::string(info.param.name); });
-
-TEST_F(ServerTreeRetrieverTest, OtherScopeAsksNothingAndKeepsTheFlag) {
-    root.syncScope = 2;
-    EXPECT_CALL(*folderFactory, CreateRemoteFolderManager(_)).Times(0);
-    EXPECT_CALL(*fileFactory, CreateRemoteFileManager(_)).Times(0);
-    retriever->treeModified = false;
-    auto tree = retriever->GetEntryInfoTree(root);
-    EXPECT_TRUE(tree->folderMap.isEmpty());
-    EXPECT_TRUE(tree->fileMap.isEmpty());
-    EXPECT_FALSE(retriever->treeModified);
 }
 
 // Filters and length limits apply alike to both walks.
-class ServerFilterTest : public ServerTreeRetrieverTest,
-                         public ::testing::WithParamInterface<int> {};
-
-TEST_P(ServerFilterTest, FiltersAndLengthLimits) {
-    using sync::core::consts::LOCAL_FILE_MAX_PATH;
-    using sync::core::consts::LOCAL_FOLDER_MAX_PATH;
-    root.syncScope = GetParam();
-    const bool wholeTree = root.syncScope == 0;
-
-    const QString longFolder = PaddedBelow(QStringLiteral("f"), LOCAL_FOLDER_MAX_PATH);
-    const QString fileInLongFolder =
-        longFolder + QLatin1Char('/') +
-        QString(LOCAL_FILE_MAX_PATH - LOCAL_FOLDER_MAX_PATH, QLatin1Char('n'));
+TEST_F(ServerTreeRetrieverTest, FiltersAndLengthLimits) {
+    const QString longFolder = PaddedBelow("f", LOCAL_FOLDER_MAX_PATH);
     const QVector<FileConfiguration> files = {
-        ServerFile(QStringLiteral("kept.txt")),
-        ServerFile(QStringLiteral("excluded.tmp"), 42),
-        ServerFile(PaddedBelow(QStringLiteral("s"), LOCAL_FILE_MAX_PATH - 1)),
-        ServerFile(PaddedBelow(QStringLiteral("t"), LOCAL_FILE_MAX_PATH)),
-        ServerFile(fileInLongFolder),
+        ServerFile("kept.txt"),
+        ServerFile("excluded.tmp", 42),
+        ServerFile(PaddedBelow("s", LOCAL_FILE_MAX_PATH - 1)),
+        ServerFile(PaddedBelow("t", LOCAL_FILE_MAX_PATH)),
+        // Reported once, through its folder.
+        ServerFile(longFolder + '/' + QString(LOCAL_FILE_MAX_PATH - LOCAL_FOLDER_MAX_PATH, 'n')),
+        // A file below an excluded folder is judged on its own.
+        ServerFile("Private/inner.txt"),
     };
     const QVector<FolderConfiguration> folders = {
-        ServerFolder(QStringLiteral("Sub")),
-        ServerFolder(QStringLiteral("Private")),
-        ServerFolder(PaddedBelow(QStringLiteral("g"), LOCAL_FOLDER_MAX_PATH - 1)),
-        ServerFolder(longFolder),
+        ServerEntry<FolderConfiguration>("Sub"),
+        ServerEntry<FolderConfiguration>("Private"),
+        ServerEntry<FolderConfiguration>(PaddedBelow("g", LOCAL_FOLDER_MAX_PATH - 1)),
+        ServerEntry<FolderConfiguration>(longFolder),
     };
-    filter->excluded =
-        QStringList{QStringLiteral("/Docs/excluded.tmp"), QStringLiteral("/Docs/Private")};
-    // A file below an excluded folder is judged on its own.
-    const QVector<FileConfiguration> withInner =
-        files + QVector<FileConfiguration>{ServerFile(QStringLiteral("Private/inner.txt"))};
-    ServerAnswers(0, wholeTree ? folders : QVector<FolderConfiguration>{}, withInner);
+    filter->excluded = QStringList{"/Docs/excluded.tmp", "/Docs/Private"};
+    server->files = files;
+    server->folders = folders;
 
-    LogCapture log;
-    auto tree = retriever->GetEntryInfoTree(root);
+    for (int scope : {0, 1}) {
+        SCOPED_TRACE(scope == 0 ? "WholeTree" : "RootOnly");
+        root.syncScope = scope;
+        filter->sizes.clear();
+        fileSignals.clear();
+        LogCapture log;
+        auto tree = retriever.GetEntryInfoTree(root);
 
-    QStringList fileKeys = tree->fileMap.keys();
-    fileKeys.sort();
-    QStringList expectedFiles{QStringLiteral("/docs/kept.txt"),
-                              QStringLiteral("/docs/private/inner.txt"),
-                              files[2].serverPath.toLower()};
-    expectedFiles.sort();
-    EXPECT_EQ(expectedFiles, fileKeys);
-    EXPECT_EQ(QStringList({QStringLiteral("/Docs/excluded.tmp"), files[3].serverPath}),
-              fileSignals);
-    EXPECT_EQ(42, filter->sizes.at(1));
-    EXPECT_FALSE(filter->sides.contains(false));
-    EXPECT_TRUE(notAllowedSignals.isEmpty());
-
-    if (wholeTree) {
-        QStringList folderKeys = tree->folderMap.keys();
-        folderKeys.sort();
-        QStringList expectedFolders{QStringLiteral("/docs"), QStringLiteral("/docs/sub"),
-                                    folders[2].serverPath.toLower()};
-        expectedFolders.sort();
-        EXPECT_EQ(expectedFolders, folderKeys);
-        EXPECT_EQ(QStringList({QStringLiteral("/Docs/Private"), folders[3].serverPath}),
-                  folderSignals);
-        EXPECT_EQ(1, log.Count(log4cplus::INFO_LOG_LEVEL,
-                               QStringLiteral("Filtered out 3 server file(s) and 2 folder(s)")));
-        EXPECT_EQ(1, log.Count(log4cplus::DEBUG_LOG_LEVEL,
-                               QStringLiteral("Filtered out server folder /Docs/Private")));
-    } else {
-        EXPECT_EQ(QStringList{QStringLiteral("/docs")}, tree->folderMap.keys());
-        EXPECT_EQ(1, log.Count(log4cplus::INFO_LOG_LEVEL,
-                               QStringLiteral("Filtered out 3 server file(s) and 0 folder(s)")));
+        EXPECT_EQ(QStringList(
+                      {"/docs/kept.txt", "/docs/private/inner.txt", files[2].serverPath.toLower()}),
+                  Sorted(tree->fileMap.keys()));
+        EXPECT_EQ(QStringList({"/Docs/excluded.tmp", files[3].serverPath}), fileSignals);
+        EXPECT_EQ(42, filter->sizes.value(1));
+        EXPECT_FALSE(filter->sides.contains(false));
+        EXPECT_TRUE(log.Contains(log4cplus::DEBUG_LOG_LEVEL,
+                                 "Filtered out server file /Docs/excluded.tmp"));
+        const QString summary = "Filtered out 3 server file(s) and %1 folder(s)";
+        EXPECT_EQ(QStringList{summary.arg(scope == 0 ? 2 : 0)},
+                  log.Messages(log4cplus::INFO_LOG_LEVEL));
+        if (scope == 1) {
+            EXPECT_EQ(QStringList{"/docs"}, tree->folderMap.keys());
+            continue;
+        }
+        EXPECT_EQ(QStringList({"/docs", folders[2].serverPath.toLower(), "/docs/sub"}),
+                  Sorted(tree->folderMap.keys()));
+        EXPECT_EQ(QStringList({"/Docs/Private", folders[3].serverPath}), folderSignals);
+        EXPECT_TRUE(
+            log.Contains(log4cplus::DEBUG_LOG_LEVEL, "Filtered out server folder /Docs/Private"));
     }
-    EXPECT_EQ(1, log.Count(log4cplus::DEBUG_LOG_LEVEL,
-                           QStringLiteral("Filtered out server file /Docs/excluded.tmp")));
 }
 
-INSTANTIATE_TEST_SUITE_P(Walks, ServerFilterTest, ::testing::Values(0, 1), [](const auto& info) {
-    return std::string(info.param == 0 ? "WholeTree" : "RootOnly");
-});
-
 TEST_F(ServerTreeRetrieverTest, ExitRequestLeavesTheTreeIncompleteAndWithoutRoot) {
-    checkForExit->stopAt = 2;
-    ServerAnswers(0, {ServerFolder(QStringLiteral("Sub"))},
-                  {ServerFile(QStringLiteral("a.txt")), ServerFile(QStringLiteral("b.txt"))});
-    auto tree = retriever->GetEntryInfoTree(root);
-    EXPECT_EQ(QStringList{QStringLiteral("/docs/a.txt")}, tree->fileMap.keys());
+    core->exit->stopAt = 2;
+    server->folders = {ServerEntry<FolderConfiguration>("Sub")};
+    server->files = {ServerFile("a.txt"), ServerFile("b.txt")};
+    auto tree = retriever.GetEntryInfoTree(root);
+    EXPECT_EQ(QStringList{"/docs/a.txt"}, tree->fileMap.keys());
     EXPECT_TRUE(tree->folderMap.isEmpty());
 }
 
@@ -275,24 +225,21 @@ TEST_F(ServerTreeRetrieverTest, ExitRequestLeavesTheTreeIncompleteAndWithoutRoot
 TEST_F(ServerTreeRetrieverTest, RootOnlyFilesOnTheServerAreNotReportedDeleted) {
     root.syncScope = 1;
     EntryInfoTree configTree;
-    configTree.folderMap.insert(QStringLiteral("/docs"), root);
-    for (const QString& below : {QStringLiteral("report.txt"), QStringLiteral("gone.txt")}) {
+    configTree.folderMap.insert("/docs", root);
+    for (const char* below : {"report.txt", "gone.txt"}) {
         FileConfiguration f = ServerFile(below);
         f.syncStatus = sync::config::FileSynchronizationStatus::Synchronized;
         configTree.fileMap.insert(f.serverPath.toLower(), f);
     }
-    FileConfiguration onServer = ServerFile(QStringLiteral("REPORT.txt"));
-    onServer.serverChecksum = QStringLiteral("sum-report.txt");
-    ServerAnswers(0, {}, {onServer});
+    server->files = {ServerFile("REPORT.txt")};  // same checksum, see ServerFile
 
-    auto serverTree = retriever->GetEntryInfoTree(root);
-    ASSERT_TRUE(retriever->IsTreeModified());
-    sync::syncService::ServerConfigTreeDiffer differ;
-    const auto change = differ.Diff(configTree, *serverTree, true);
+    auto serverTree = retriever.GetEntryInfoTree(root);
+    ASSERT_TRUE(retriever.IsTreeModified());
+    const auto change =
+        sync::syncService::ServerConfigTreeDiffer().Diff(configTree, *serverTree, true);
 
-    const auto actions = change.getFileActionMap();
-    EXPECT_FALSE(actions.contains(QStringLiteral("/docs/report.txt")));
-    EXPECT_EQ(EntryAction::Deleted, actions.value(QStringLiteral("/docs/gone.txt")));
+    EXPECT_EQ(QStringList{"/docs/gone.txt"}, change.getFileActionMap().keys());
+    EXPECT_EQ(sync::syncService::Deleted, change.getFileActionMap().value("/docs/gone.txt"));
     EXPECT_TRUE(change.getFolderActionMap().isEmpty());
 }
 

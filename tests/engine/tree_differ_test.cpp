@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "DifferMocks.h"
 #include "EntryInfoTreeDiffer.h"
 #include "LocalConfigTreeDiffer.h"
 #include "ServerConfigTreeDiffer.h"
@@ -16,175 +15,132 @@ namespace {
 // Answers every rule with one scripted value and records which rules were asked.
 class ScriptedDiffer : public EntryInfoTreeDiffer {
 public:
-    explicit ScriptedDiffer(bool answer) : _answer(answer) {}
-    QStringList asked;
-
+    explicit ScriptedDiffer(bool answer) : answer(answer) {}
     bool DetectFileModified(FileConfiguration&, FileConfiguration&) override {
-        return _Ask("Modified");
+        return Ask("Modified");
     }
     bool DetectFileAdded(FileConfiguration&, EntryInfoTree&, EntryInfoTree&) override {
-        return _Ask("Added");
+        return Ask("Added");
     }
-    bool DetectFileDeleted(FileConfiguration&) override { return _Ask("Deleted"); }
+    bool DetectFileDeleted(FileConfiguration&) override { return Ask("Deleted"); }
     bool DetectFolderAdded(FolderConfiguration&, EntryInfoTree&, EntryInfoTree&) override {
-        return _Ask("FolderAdded");
+        return Ask("FolderAdded");
     }
-    bool DetectFolderDeleted(FolderConfiguration&) override { return _Ask("FolderDeleted"); }
-
-private:
-    bool _Ask(const char* rule) {
-        asked << QString::fromLatin1(rule);
-        return _answer;
+    bool DetectFolderDeleted(FolderConfiguration&) override { return Ask("FolderDeleted"); }
+    bool Ask(const char* rule) {
+        asked << rule;
+        return answer;
     }
-    bool _answer;
-};
-
-enum Presence { ConfigOnly, OtherOnly, Both };
-enum Source { None, FromConfig, FromOther };
-
-struct WalkCase {
-    const char* name;
-    Presence presence;
-    int configStatus;  // FileSynchronizationStatus / FolderSynchronizationStatus value
-    bool configHasServerId;
-    int otherPrivileges;
-    bool checkDownloadPrivilege;
-    bool ruleAnswer;
-    const char* ruleAsked;  // "" when no rule may be asked
-    EntryAction expected;   // NoChange: the change set stays empty
-    Source record;
-};
-
-const WalkCase kFileCases[] = {
-    {"SyncedMissingDeleteAllowed", ConfigOnly, 0, true, 31, false, true, "Deleted", Deleted,
-     FromConfig},
-    {"SyncedMissingDeleteRefused", ConfigOnly, 0, true, 31, false, false, "Deleted", NoChange,
-     None},
-    {"NotSynchronizedMissing", ConfigOnly, 3, true, 31, false, true, "", NoChange, None},
-    {"NoServerIdMissing", ConfigOnly, 0, false, 31, false, true, "", NoChange, None},
-    {"NoServerIdPresentIsOfferedAsAdded", Both, 0, false, 31, false, true, "Added", Added,
-     FromOther},
-    {"NotSynchronizedPresentRefused", Both, 3, true, 31, false, false, "Added", NoChange, None},
-    {"SyncedModified", Both, 0, true, 31, false, true, "Modified", Modified, FromOther},
-    {"SyncedUnchanged", Both, 0, true, 31, false, false, "Modified", NoChange, None},
-    {"UnchangedWithoutDownloadBitOnServer", Both, 0, true, 29, true, false, "Modified", Deleted,
-     FromConfig},
-    {"UnchangedWithoutDownloadBitLocally", Both, 0, true, 29, false, false, "Modified", NoChange,
-     None},
-    {"UnsynchronisedWithoutDownloadBit", Both, 3, false, 29, true, false, "Added", NoChange, None},
-    {"NewAccepted", OtherOnly, 0, true, 31, true, true, "Added", Added, FromOther},
-    {"NewRefused", OtherOnly, 0, true, 31, true, false, "Added", NoChange, None},
-};
-
-const WalkCase kFolderCases[] = {
-    {"SyncedMissingDeleteAllowed", ConfigOnly, 0, true, 31, false, true, "FolderDeleted", Deleted,
-     FromConfig},
-    {"SyncedMissingDeleteRefused", ConfigOnly, 1, true, 31, false, false, "FolderDeleted", NoChange,
-     None},
-    {"NotSynchronizedMissing", ConfigOnly, 3, true, 31, false, true, "", NoChange, None},
-    {"NotSynchronizedPresentCarriesConfigRecord", Both, 3, true, 31, false, true, "FolderAdded",
-     Added, FromConfig},
-    {"SyncedPresentIsNeverModified", Both, 0, true, 31, true, true, "", NoChange, None},
-    {"NewAccepted", OtherOnly, 0, true, 31, false, true, "FolderAdded", Added, FromOther},
-    {"NewRefused", OtherOnly, 0, true, 31, false, false, "FolderAdded", NoChange, None},
+    bool answer;
+    QStringList asked;
 };
 
 // The config record and the other side's record spell the path differently: one key.
-const QString kConfigPath = QStringLiteral("/Root/Docs/Report.txt");
-const QString kOtherPath = QStringLiteral("/root/DOCS/report.TXT");
-const QString kKey = QStringLiteral("/root/docs/report.txt");
+const QString kConfigPath = "/Root/Docs/Report.txt";
+const QString kOtherPath = "/root/DOCS/report.TXT";
+const QString kKey = "/root/docs/report.txt";
+
+// The change set as "<file|folder> <key> <action> <local path of the record carried>" lines.
+QStringList Describe(const EntryInfoTreeChange& change) {
+    static const char* const kActions[] = {"NoChange", "Added", "Deleted", "Modified"};
+    QStringList lines;
+    auto add = [&lines](const char* kind, const auto& actions, const auto& records) {
+        for (auto it = actions.cbegin(); it != actions.cend(); ++it)
+            lines << QString("%1 %2 %3 %4")
+                         .arg(kind, it.key(), kActions[*it], records.value(it.key()).localPath);
+    };
+    add("file", change.getFileActionMap(), change.getFileMap());
+    add("folder", change.getFolderActionMap(), change.getFolderMap());
+    return lines;
+}
 
 template <typename Record>
-Record MakeRecord(const QString& serverPath, const char* origin) {
+Record Make(const QString& serverPath, const char* localPath) {
     Record record;
     record.serverPath = serverPath;
-    record.localPath = QString::fromLatin1(origin);
+    record.localPath = localPath;
     return record;
 }
 
-void ExpectChange(const WalkCase& c, EntryAction action, const QString& localPath) {
-    EXPECT_EQ(action, c.expected);
-    EXPECT_EQ(localPath, c.record == FromConfig ? "config" : "other");
-}
+enum Presence { ConfigOnly, OtherOnly, Both };
 
-}  // namespace
-
-TEST(TreeDifferWalkTest, FileCases) {
-    for (const auto& c : kFileCases) {
+// Config status 3 is NotSynchronized; privileges 29 lack the download bit.
+TEST(TreeDifferWalkTest, AsksTheRightRuleAndCarriesTheRightRecord) {
+    const struct {
+        const char* name;
+        bool folder;
+        Presence presence;
+        int configStatus, configHasServerId, otherPrivileges, checkDownload, ruleAnswer;
+        const char* ruleAsked;  // "" when no rule may be asked
+        const char* expected;   // "<action> <config|other>"; "" when the change set stays empty
+    } cases[] = {
+        {"FileSyncedMissing", false, ConfigOnly, 0, 1, 31, 0, 1, "Deleted", "Deleted config"},
+        {"FileSyncedMissingDeleteRefused", false, ConfigOnly, 0, 1, 31, 0, 0, "Deleted", ""},
+        {"FileNotSynchronizedMissing", false, ConfigOnly, 3, 1, 31, 0, 1, "", ""},
+        {"FileNoServerIdMissing", false, ConfigOnly, 0, 0, 31, 0, 1, "", ""},
+        {"FileNoServerIdPresentIsOfferedAsAdded", false, Both, 0, 0, 31, 0, 1, "Added",
+         "Added other"},
+        {"FileNotSynchronizedPresentRefused", false, Both, 3, 1, 31, 0, 0, "Added", ""},
+        {"FileSyncedModified", false, Both, 0, 1, 31, 0, 1, "Modified", "Modified other"},
+        {"FileSyncedUnchanged", false, Both, 0, 1, 31, 0, 0, "Modified", ""},
+        {"FileUnchangedNoDownloadBitOnServer", false, Both, 0, 1, 29, 1, 0, "Modified",
+         "Deleted config"},
+        {"FileUnchangedNoDownloadBitLocally", false, Both, 0, 1, 29, 0, 0, "Modified", ""},
+        {"FileUnsynchronisedNoDownloadBit", false, Both, 3, 0, 29, 1, 0, "Added", ""},
+        {"FileNewAccepted", false, OtherOnly, 0, 1, 31, 1, 1, "Added", "Added other"},
+        {"FileNewRefused", false, OtherOnly, 0, 1, 31, 1, 0, "Added", ""},
+        {"FolderSyncedMissing", true, ConfigOnly, 0, 1, 31, 0, 1, "FolderDeleted",
+         "Deleted config"},
+        {"FolderSynchronizingMissingDeleteRefused", true, ConfigOnly, 1, 1, 31, 0, 0,
+         "FolderDeleted", ""},
+        {"FolderNotSynchronizedMissing", true, ConfigOnly, 3, 1, 31, 0, 1, "", ""},
+        {"FolderNotSynchronizedPresentCarriesConfigRecord", true, Both, 3, 1, 31, 0, 1,
+         "FolderAdded", "Added config"},
+        {"FolderSyncedPresentIsNeverModified", true, Both, 0, 1, 31, 1, 1, "", ""},
+        {"FolderNewAccepted", true, OtherOnly, 0, 1, 31, 0, 1, "FolderAdded", "Added other"},
+        {"FolderNewRefused", true, OtherOnly, 0, 1, 31, 0, 0, "FolderAdded", ""},
+    };
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         EntryInfoTree config, other;
-        if (c.presence != OtherOnly) {
-            auto file = MakeRecord<FileConfiguration>(kConfigPath, "config");
-            file.syncStatus = static_cast<FileSynchronizationStatus>(c.configStatus);
-            if (c.configHasServerId) file.serverFileId = QStringLiteral("id-1");
-            config.fileMap.insert(kKey, file);
-        }
-        if (c.presence != ConfigOnly) {
-            auto file = MakeRecord<FileConfiguration>(kOtherPath, "other");
-            file.privileges = c.otherPrivileges;
-            other.fileMap.insert(kKey, file);
-        }
+        auto configFile = Make<FileConfiguration>(kConfigPath, "config");
+        auto otherFile = Make<FileConfiguration>(kOtherPath, "other");
+        auto configFolder = Make<FolderConfiguration>(kConfigPath, "config");
+        configFile.syncStatus = static_cast<FileSynchronizationStatus>(c.configStatus);
+        configFolder.setSyncStatus(static_cast<FolderSynchronizationStatus>(c.configStatus));
+        if (c.configHasServerId) configFile.serverFileId = "id-1";
+        otherFile.privileges = c.otherPrivileges;
+        if (c.presence != OtherOnly && c.folder) config.folderMap.insert(kKey, configFolder);
+        if (c.presence != OtherOnly && !c.folder) config.fileMap.insert(kKey, configFile);
+        if (c.presence != ConfigOnly && c.folder)
+            other.folderMap.insert(kKey, Make<FolderConfiguration>(kOtherPath, "other"));
+        if (c.presence != ConfigOnly && !c.folder) other.fileMap.insert(kKey, otherFile);
+
         ScriptedDiffer differ(c.ruleAnswer);
-        const EntryInfoTreeChange change = differ.Diff(config, other, c.checkDownloadPrivilege);
+        const EntryInfoTreeChange change = differ.Diff(config, other, c.checkDownload);
 
-        EXPECT_EQ(differ.asked.join(","), QString::fromLatin1(c.ruleAsked));
-        EXPECT_TRUE(change.getFolderActionMap().isEmpty());
-        if (c.expected == NoChange) {
-            EXPECT_TRUE(change.getFileActionMap().isEmpty());
-            EXPECT_TRUE(change.getFileMap().isEmpty());
-        } else {
-            ASSERT_EQ(change.getFileActionMap().keys(), QList<QString>{kKey});
-            ExpectChange(c, change.getFileActionMap().value(kKey),
-                         change.getFileMap().value(kKey).localPath);
-        }
-    }
-}
-
-TEST(TreeDifferWalkTest, FolderCases) {
-    for (const auto& c : kFolderCases) {
-        SCOPED_TRACE(c.name);
-        EntryInfoTree config, other;
-        if (c.presence != OtherOnly) {
-            auto folder = MakeRecord<FolderConfiguration>(kConfigPath, "config");
-            folder.setSyncStatus(static_cast<FolderSynchronizationStatus>(c.configStatus));
-            config.folderMap.insert(kKey, folder);
-        }
-        if (c.presence != ConfigOnly)
-            other.folderMap.insert(kKey, MakeRecord<FolderConfiguration>(kOtherPath, "other"));
-        ScriptedDiffer differ(c.ruleAnswer);
-        const EntryInfoTreeChange change = differ.Diff(config, other, c.checkDownloadPrivilege);
-
-        EXPECT_EQ(differ.asked.join(","), QString::fromLatin1(c.ruleAsked));
-        EXPECT_TRUE(change.getFileActionMap().isEmpty());
-        if (c.expected == NoChange) {
-            EXPECT_TRUE(change.getFolderActionMap().isEmpty());
-            EXPECT_TRUE(change.getFolderMap().isEmpty());
-        } else {
-            ASSERT_EQ(change.getFolderActionMap().keys(), QList<QString>{kKey});
-            ExpectChange(c, change.getFolderActionMap().value(kKey),
-                         change.getFolderMap().value(kKey).localPath);
-        }
+        EXPECT_EQ(c.ruleAsked, differ.asked.join(","));
+        const QString kind = c.folder ? "folder " : "file ";
+        EXPECT_EQ(*c.expected ? QStringList{kind + kKey + ' ' + c.expected} : QStringList(),
+                  Describe(change));
     }
 }
 
 // A file new on both sides that the account may not download used to come out as Deleted on
 // the server side next to Added on the local side: a pair no resolver takes, so the root
 // folder failed in every cycle.
-class UnsynchronisedFileTest : public sync::test::MockHashTest {};
-
-TEST_F(UnsynchronisedFileTest, NewOnBothSidesWithoutDownloadBitIsNotDeletedOnServer) {
-    auto configFile = MakeRecord<FileConfiguration>(kConfigPath, "config");
-    configFile.syncStatus = FileSynchronizationStatus::NotSynchronized;
+TEST(UnsynchronisedFileTest, NewOnBothSidesWithoutDownloadBitIsNotDeletedOnServer) {
+    auto file = Make<FileConfiguration>(kConfigPath, "local");
+    file.syncStatus = FileSynchronizationStatus::NotSynchronized;
     EntryInfoTree config, local, server;
-    config.fileMap.insert(kKey, configFile);
-    local.fileMap.insert(kKey, MakeRecord<FileConfiguration>(kConfigPath, "local"));
-    auto serverFile = MakeRecord<FileConfiguration>(kConfigPath, "server");
-    serverFile.privileges = sync::config::PrivilegeAll & ~sync::config::PrivilegeDownload;
-    server.fileMap.insert(kKey, serverFile);
+    config.fileMap.insert(kKey, file);
+    local.fileMap.insert(kKey, file);
+    file.privileges = sync::config::PrivilegeAll & ~sync::config::PrivilegeDownload;
+    server.fileMap.insert(kKey, file);
 
-    const auto serverChange = ServerConfigTreeDiffer().Diff(config, server, true);
-    const auto localChange = LocalConfigTreeDiffer().Diff(config, local, false);
-
-    EXPECT_TRUE(serverChange.getFileActionMap().isEmpty());
-    EXPECT_EQ(localChange.getFileActionMap().value(kKey, NoChange), Added);
+    EXPECT_TRUE(Describe(ServerConfigTreeDiffer().Diff(config, server, true)).isEmpty());
+    EXPECT_EQ(QStringList{"file " + kKey + " Added local"},
+              Describe(LocalConfigTreeDiffer().Diff(config, local, false)));
 }
+
+}  // namespace
