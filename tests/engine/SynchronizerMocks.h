@@ -1,15 +1,15 @@
 #pragma once
 
-// GoogleMock doubles of the companions a synchronizer talks to, plus in-memory stores that the
-// database doubles can delegate to, so that a test asserts the final records rather than the
-// calls that produced them.
+// GoogleMock doubles of a synchronizer's companions, and in-memory stores the database doubles
+// delegate to, so that tests assert the final records rather than the calls.
 
 #include <gmock/gmock.h>
 #include <QDir>
-#include <QFileInfo>
 #include <QMap>
 #include <QString>
+#include <QStringList>
 #include <QVector>
+#include <functional>
 #include <memory>
 
 #include "FileConfiguration.h"
@@ -23,14 +23,12 @@
 #include "IFileConfigManager.h"
 #include "IFolderConfigManager.h"
 #include "IFolderFilter.h"
-#include "IQDirWrapper.h"
 #include "IRemoteFolderManager.h"
 #include "IRemoteFolderManagerFactory.h"
 #include "IServerConfigManager.h"
 #include "ISyncHostApplication.h"
 #include "ISyncTaskEngine.h"
 #include "ISynchronizeRunner.h"
-#include "IValidateLoginCredentials.h"
 #include "ServerConfiguration.h"
 #include "SyncDetails.h"
 #include "SyncResults.h"
@@ -41,35 +39,34 @@ namespace test {
 
 using sync::config::FileConfiguration;
 using sync::config::FolderConfiguration;
+using sync::core::SyncResults;
+using Depot = std::shared_ptr<sync::syncService::SyncTaskDepot>;
+namespace interf = sync::interf;
 
-class MockAuthenticationConfigManager : public sync::interf::IAuthenticationConfigManager {
+class MockAuthenticationConfigManager : public interf::IAuthenticationConfigManager {
 public:
     MOCK_METHOD(void, RemoveAuthentication, (int), (override));
 };
 
-class MockServerConfigManager : public sync::interf::IServerConfigManager {
+class MockServerConfigManager : public interf::IServerConfigManager {
 public:
     MOCK_METHOD(sync::config::ServerConfiguration, GetServerConfiguration, (int), (override));
     MOCK_METHOD(sync::config::ServerConfiguration, GetServerConfigurationByFolderId, (int),
                 (override));
 };
 
-class MockSyncHostApplication : public sync::interf::ISyncHostApplication {
+class MockSyncHostApplication : public interf::ISyncHostApplication {
 public:
     MOCK_METHOD(QString, GetRootFolderText, (), (override));
     MOCK_METHOD(bool, IsSyncAllowed, (), (override));
     MOCK_METHOD(void, SyncStarted, (), (override));
-    MOCK_METHOD(bool, PreProcessFiles,
-                (const FolderConfiguration&, std::shared_ptr<sync::syncService::SyncTaskDepot>),
-                (override));
-    MOCK_METHOD(void, PostProcessFiles,
-                (const FolderConfiguration&, std::shared_ptr<sync::syncService::SyncTaskDepot>,
-                 sync::core::SyncResults&),
+    MOCK_METHOD(bool, PreProcessFiles, (const FolderConfiguration&, Depot), (override));
+    MOCK_METHOD(void, PostProcessFiles, (const FolderConfiguration&, Depot, SyncResults&),
                 (override));
     MOCK_METHOD(void, SyncFinished, (), (override));
 };
 
-class MockFileConfigManager : public sync::interf::IFileConfigManager {
+class MockFileConfigManager : public interf::IFileConfigManager {
 public:
     MOCK_METHOD(FileConfiguration, GetFileById, (int), (override));
     MOCK_METHOD(FileConfiguration, GetGeneratedFileById, (int), (override));
@@ -85,7 +82,7 @@ public:
     MOCK_METHOD(void, RemoveGeneratedFile, (int), (override));
 };
 
-class MockFolderConfigManager : public sync::interf::IFolderConfigManager {
+class MockFolderConfigManager : public interf::IFolderConfigManager {
 public:
     MOCK_METHOD(FolderConfiguration, GetFolderById, (int), (override));
     MOCK_METHOD(FolderConfiguration, GetFolderByPath, (const QString&, int), (override));
@@ -101,11 +98,11 @@ public:
     MOCK_METHOD(bool, RemoveRootFolder, (int), (override));
 };
 
-class MockRemoteFolderManager : public sync::interf::IRemoteFolderManager {
+class MockRemoteFolderManager : public interf::IRemoteFolderManager {
 public:
-    MOCK_METHOD(sync::core::SyncResults, CreateFolder, (FolderConfiguration&, const QString&, bool),
+    MOCK_METHOD(SyncResults, CreateFolder, (FolderConfiguration&, const QString&, bool),
                 (override));
-    MOCK_METHOD(sync::core::SyncResults, DeleteFolder, (FolderConfiguration&), (override));
+    MOCK_METHOD(SyncResults, DeleteFolder, (FolderConfiguration&), (override));
     MOCK_METHOD(bool, GetFolderInfo, (const FolderConfiguration&, FolderConfiguration&),
                 (override));
     MOCK_METHOD(int, GetFolderTree,
@@ -114,47 +111,16 @@ public:
                 (override));
 };
 
-class MockRemoteFolderManagerFactory : public sync::interf::factory::IRemoteFolderManagerFactory {
+class MockRemoteFolderManagerFactory : public interf::factory::IRemoteFolderManagerFactory {
 public:
-    MOCK_METHOD(std::shared_ptr<sync::interf::IRemoteFolderManager>, CreateRemoteFolderManager,
-                (int), (override));
-};
-
-class MockQDirWrapper : public sync::interf::IQDirWrapper {
-public:
-    MOCK_METHOD(void, SetPath, (const QString&), (override));
-    MOCK_METHOD(QString, Path, (), (override));
-    MOCK_METHOD(bool, MakePath, (const QString&), (override));
-    MOCK_METHOD(bool, DirectoryExists, (), (override));
-    MOCK_METHOD(bool, RemoveDirectory, (const QString&), (override));
-    MOCK_METHOD(bool, Exists, (), (override));
-
-    // Answers from the real file system unless a test says otherwise.
-    void DelegateToDisk() {
-        using ::testing::Invoke;
-        ON_CALL(*this, SetPath).WillByDefault(Invoke([this](const QString& p) { _path = p; }));
-        ON_CALL(*this, Path).WillByDefault(Invoke([this] { return QDir::cleanPath(_path); }));
-        ON_CALL(*this, MakePath).WillByDefault(Invoke([](const QString& p) {
-            return QDir().mkpath(p);
-        }));
-        ON_CALL(*this, DirectoryExists).WillByDefault(Invoke([this] {
-            return QFileInfo(_path).isDir();
-        }));
-        ON_CALL(*this, RemoveDirectory).WillByDefault(Invoke([](const QString& p) {
-            return QDir().rmdir(p);
-        }));
-        ON_CALL(*this, Exists).WillByDefault(Invoke([this] { return QFileInfo::exists(_path); }));
-    }
-
-private:
-    QString _path;
-};
-
-class MockSyncTaskEngine : public sync::interf::ISyncTaskEngine {
-public:
-    MOCK_METHOD(sync::core::SyncResults, Process,
-                (const FolderConfiguration&, std::shared_ptr<sync::interf::ISyncTaskDepot>),
+    MOCK_METHOD(std::shared_ptr<interf::IRemoteFolderManager>, CreateRemoteFolderManager, (int),
                 (override));
+};
+
+class MockSyncTaskEngine : public interf::ISyncTaskEngine {
+public:
+    MOCK_METHOD(SyncResults, Process,
+                (const FolderConfiguration&, std::shared_ptr<interf::ISyncTaskDepot>), (override));
     MOCK_METHOD(void, SetFilteredLocalFolderCount, (int), (override));
     MOCK_METHOD(void, SetFilteredLocalFileCount, (int), (override));
     MOCK_METHOD(void, SetFilteredServerFolderCount, (int), (override));
@@ -166,164 +132,142 @@ public:
     MOCK_METHOD(void, HandleFileFilteredOut, (QString), (override));
 };
 
-class MockCheckForExit : public sync::interf::ICheckForExit {
+class MockCheckForExit : public interf::ICheckForExit {
 public:
     MOCK_METHOD(bool, ShouldExit, (), (override));
     MOCK_METHOD(bool, ShouldExitThread, (), (override));
 };
 
-class MockConnectedToNetwork : public sync::interf::IConnectedToNetwork {
+class MockConnectedToNetwork : public interf::IConnectedToNetwork {
 public:
     MOCK_METHOD(bool, IsConnected, (), (override));
 };
 
-class MockCoreFactory : public sync::interf::factory::ICoreFactory {
+class MockCoreFactory : public interf::factory::ICoreFactory {
 public:
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQFileWrapper>, CreateRecycler, (), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQDirWrapper>, CreateQDirWrapper,
-                (std::shared_ptr<QDir>), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQFileWrapper>, CreateFileWrapper, (), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::ICryptographicHash>, CreateCryptographicHash, (),
+    MOCK_METHOD(std::shared_ptr<interf::IQFileWrapper>, CreateRecycler, (), (override));
+    MOCK_METHOD(std::shared_ptr<interf::IQDirWrapper>, CreateQDirWrapper, (std::shared_ptr<QDir>),
                 (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IConnectedToNetwork>, CreateConnectedToNetwork, (),
+    MOCK_METHOD(std::shared_ptr<interf::IQFileWrapper>, CreateFileWrapper, (), (override));
+    MOCK_METHOD(std::shared_ptr<interf::ICryptographicHash>, CreateCryptographicHash, (),
                 (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::ICheckForExit>, CreateCheckForExit, (), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IQDirIteratorWrapper>, CreateQDirIterator,
+    MOCK_METHOD(std::shared_ptr<interf::IConnectedToNetwork>, CreateConnectedToNetwork, (),
+                (override));
+    MOCK_METHOD(std::shared_ptr<interf::ICheckForExit>, CreateCheckForExit, (), (override));
+    MOCK_METHOD(std::shared_ptr<interf::IQDirIteratorWrapper>, CreateQDirIterator,
                 (const QString&, QDir::Filters, QDirIterator::IteratorFlags), (override));
-    MOCK_METHOD(std::shared_ptr<sync::interf::IActionLog>, CreateActionLog, (), (override));
+    MOCK_METHOD(std::shared_ptr<interf::IActionLog>, CreateActionLog, (), (override));
 };
 
-class MockValidateLoginCredentials : public sync::interf::IValidateLoginCredentials {
-public:
-    MOCK_METHOD(int, ValidateCredentials, (int), (override));
-};
-
-class MockEntryInfoTreeRetriever : public sync::interf::IEntryInfoTreeRetriever {
+class MockEntryInfoTreeRetriever : public interf::IEntryInfoTreeRetriever {
 public:
     MOCK_METHOD(std::shared_ptr<sync::syncService::EntryInfoTree>, GetEntryInfoTree,
                 (FolderConfiguration&), (override));
 };
 
-class MockSynchronizeRunner : public sync::interf::ISynchronizeRunner {
+class MockSynchronizeRunner : public interf::ISynchronizeRunner {
 public:
-    MOCK_METHOD(std::shared_ptr<sync::syncService::SyncTaskDepot>, Process, (FolderConfiguration&),
-                (override));
+    MOCK_METHOD(Depot, Process, (FolderConfiguration&), (override));
 };
 
-class MockFolderFilter : public sync::interf::IFolderFilter {
+class MockFolderFilter : public interf::IFolderFilter {
 public:
     MOCK_METHOD(bool, IsRootFolderIncluded, (const FolderConfiguration&), (override));
 };
 
-class MockActionLog : public sync::interf::IActionLog {
+class MockActionLog : public interf::IActionLog {
 public:
+    using Details = sync::core::SyncDetails;
     MOCK_METHOD(void, Initialize, (int), (override));
-    MOCK_METHOD(void, AddEntry, (int, const sync::core::SyncDetails&), (override));
+    MOCK_METHOD(void, AddEntry, (int, const Details&), (override));
     MOCK_METHOD(void, AddFolderEntry, (int, const QString&, const QString&), (override));
     MOCK_METHOD(void, AddFolderEntryWithDetails,
-                (int, const QString&, const QString&, const sync::core::SyncDetails&), (override));
+                (int, const QString&, const QString&, const Details&), (override));
     MOCK_METHOD(void, AddHttpErrorEntry, (int, int, const QString&, const QString&, const QString&),
                 (override));
-    MOCK_METHOD(sync::core::SyncDetails, CreateDetails, (int), (override));
-    MOCK_METHOD(sync::core::SyncDetails, CreateDetailsWithArguments, (int, const QVector<QString>&),
-                (override));
+    MOCK_METHOD(Details, CreateDetails, (int), (override));
+    MOCK_METHOD(Details, CreateDetailsWithArguments, (int, const QVector<QString>&), (override));
     MOCK_METHOD(void, Flush, (), (override));
 
-    // Details carry their kind and arguments, so entries can be compared whole.
-    void BuildRealDetails() {
-        using ::testing::Invoke;
-        ON_CALL(*this, CreateDetails).WillByDefault(Invoke([](int kind) {
-            return sync::core::SyncDetails(kind);
-        }));
-        ON_CALL(*this, CreateDetailsWithArguments)
-            .WillByDefault(Invoke([](int kind, const QVector<QString>& arguments) {
-                return sync::core::SyncDetails(kind, arguments);
-            }));
+    // Records each entry as "type name[ details kind:arguments][ http code url] localPath".
+    QStringList entries;
+    void Record() {
+        ON_CALL(*this, CreateDetails).WillByDefault([](int kind) { return Details(kind); });
+        ON_CALL(*this, CreateDetailsWithArguments).WillByDefault([](int kind, auto& arguments) {
+            return Details(kind, arguments);
+        });
+        ON_CALL(*this, AddFolderEntry).WillByDefault([this](int type, auto& path, auto& name) {
+            entries << QString("%1 %2 %3").arg(type).arg(name, path);
+        });
+        ON_CALL(*this, AddFolderEntryWithDetails)
+            .WillByDefault([this](int type, auto& path, auto& name, const Details& d) {
+                const QStringList arguments(d.arguments.begin(), d.arguments.end());
+                entries << QString("%1 %2 %3:%4 %5")
+                               .arg(type)
+                               .arg(name)
+                               .arg(d.kind)
+                               .arg(arguments.join(','), path);
+            });
+        ON_CALL(*this, AddHttpErrorEntry)
+            .WillByDefault([this](int type, int code, auto& path, auto& name, auto& url) {
+                entries
+                    << QString("%1 %2 http %3 %4 %5").arg(type).arg(name).arg(code).arg(url, path);
+            });
     }
 };
 
-// Folder records by id, as a configuration database would keep them.
-struct FolderStore {
-    QMap<int, FolderConfiguration> folders;
+// Records by id, as a configuration database keeps them.
+template <class R>
+struct Store : QMap<int, R> {
+    void Put(const R& r) { this->insert(r.id, r); }
+    bool Update(const R& r) { return this->contains(r.id) && (Put(r), true); }
+    QVector<R> Where(const std::function<bool(const R&)>& p) const {
+        QVector<R> out;
+        for (const R& r : *this)
+            if (p(r)) out.append(r);
+        return out;
+    }
+};
+
+// The folder database double answers from and writes to the store.
+struct FolderStore : Store<FolderConfiguration> {
     int nextId = 100;
-
-    void Put(const FolderConfiguration& f) { folders.insert(f.id, f); }
-
     void Attach(MockFolderConfigManager& mock) {
-        using ::testing::_;
-        using ::testing::Invoke;
-        ON_CALL(mock, GetRootFolders).WillByDefault(Invoke([this] {
-            QVector<FolderConfiguration> roots;
-            for (const FolderConfiguration& f : folders)
-                if (f.rootId == f.id) roots.append(f);
-            return roots;
-        }));
-        ON_CALL(mock, GetFolderById).WillByDefault(Invoke([this](int id) {
-            return folders.value(id, FolderConfiguration());
-        }));
-        ON_CALL(mock, GetFoldersByRootId).WillByDefault(Invoke([this](int rootId) {
-            QVector<FolderConfiguration> out;
-            for (const FolderConfiguration& f : folders)
-                if (f.rootId == rootId) out.append(f);
-            return out;
-        }));
-        ON_CALL(mock, UpdateFolder).WillByDefault(Invoke([this](const FolderConfiguration& f) {
-            if (!folders.contains(f.id)) return false;
-            folders[f.id] = f;
-            return true;
-        }));
-        ON_CALL(mock, AddFolder).WillByDefault(Invoke([this](FolderConfiguration& f) {
-            f.id = nextId++;
-            if (f.rootId < 0 && f.parentId < 0) f.rootId = f.inheritedId = f.id;
-            folders.insert(f.id, f);
-            return true;
-        }));
-        ON_CALL(mock, RemoveFolder).WillByDefault(Invoke([this](int id) { folders.remove(id); }));
-        ON_CALL(mock, RemoveRootFolder).WillByDefault(Invoke([this](int id) {
-            if (!folders.contains(id)) return false;
-            for (auto it = folders.begin(); it != folders.end();)
-                it = it.value().rootId == id ? folders.erase(it) : std::next(it);
-            folders.remove(id);
-            return true;
-        }));
-        ON_CALL(mock, IsAuthenticationInUse).WillByDefault(Invoke([this](int authId) {
-            for (const FolderConfiguration& f : folders)
-                if (f.rootId == f.id && f.authenticationId == authId) return true;
-            return false;
-        }));
-        ON_CALL(mock, GetFoldersOfMissingRootFolders)
-            .WillByDefault(::testing::Return(QVector<FolderConfiguration>()));
+        using F = const FolderConfiguration&;
+        ON_CALL(mock, GetRootFolders).WillByDefault([this] {
+            return Where([](F f) { return f.rootId == f.id; });
+        });
+        ON_CALL(mock, GetFolderById).WillByDefault([this](int id) { return value(id); });
+        ON_CALL(mock, GetFoldersByRootId).WillByDefault([this](int id) {
+            return Where([=](F f) { return f.rootId == id; });
+        });
+        ON_CALL(mock, UpdateFolder).WillByDefault([this](F f) { return Update(f); });
+        ON_CALL(mock, AddFolder).WillByDefault([this](FolderConfiguration& f) {
+            f.id = f.rootId = f.inheritedId = nextId++;
+            return Put(f), true;
+        });
+        ON_CALL(mock, RemoveRootFolder).WillByDefault([this](int id) {
+            const QVector<FolderConfiguration> gone = Where([=](F f) { return f.rootId == id; });
+            for (F f : gone) remove(f.id);
+            return !gone.isEmpty();
+        });
+        ON_CALL(mock, IsAuthenticationInUse).WillByDefault([this](int auth) {
+            return !Where([=](F f) {
+                        return f.rootId == f.id && f.authenticationId == auth;
+                    }).isEmpty();
+        });
     }
 };
 
-// File records by id.
-struct FileStore {
-    QMap<int, FileConfiguration> files;
-
-    void Put(const FileConfiguration& f) { files.insert(f.id, f); }
-
+// The file database double answers from and writes to the store.
+struct FileStore : Store<FileConfiguration> {
     void Attach(MockFileConfigManager& mock) {
-        using ::testing::_;
-        using ::testing::Invoke;
-        using ::testing::Return;
-        ON_CALL(mock, GetFileById).WillByDefault(Invoke([this](int id) {
-            return files.value(id, FileConfiguration());
-        }));
-        ON_CALL(mock, GetFilesByRootId).WillByDefault(Invoke([this](int rootId, bool) {
-            QVector<FileConfiguration> out;
-            for (const FileConfiguration& f : files)
-                if (f.rootId == rootId) out.append(f);
-            return out;
-        }));
-        ON_CALL(mock, UpdateFile).WillByDefault(Invoke([this](const FileConfiguration& f) {
-            if (!files.contains(f.id)) return false;
-            files[f.id] = f;
-            return true;
-        }));
-        ON_CALL(mock, RemoveFile).WillByDefault(Invoke([this](int id) { files.remove(id); }));
-        ON_CALL(mock, GetFilesOfMissingRootFolders)
-            .WillByDefault(Return(QVector<FileConfiguration>()));
-        ON_CALL(mock, GetGeneratedFilesByKind).WillByDefault(Return(QVector<FileConfiguration>()));
+        using F = const FileConfiguration&;
+        ON_CALL(mock, GetFileById).WillByDefault([this](int id) { return value(id); });
+        ON_CALL(mock, GetFilesByRootId).WillByDefault([this](int id, bool) {
+            return Where([=](F f) { return f.rootId == id; });
+        });
+        ON_CALL(mock, UpdateFile).WillByDefault([this](F f) { return Update(f); });
     }
 };
 
