@@ -108,13 +108,8 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
         if (filteredFiles > 0)
             SYNC_LOG_INFO("Filtered out %1 server file(s) and %2 folder(s)", filteredFiles, 0);
     } else if (result != kNotFound) {
-        // Without a listing the tree cannot say which files the server still has; diffing it
-        // would report every file of the root as deleted there.
-        SYNC_LOG_WARN(
-            "Failed to get server files of root folder %0 (status %1). Server changes are not "
-            "considered in this cycle.",
-            root.serverPath, result);
-        treeModified = false;
+        SYNC_LOG_WARN("Failed to get server files of root folder %0 (status %1).", root.serverPath,
+                      result);
     }
     tree.folderMap.insert(EntryInfoTree::KeyOf(root.serverPath), root);
 }

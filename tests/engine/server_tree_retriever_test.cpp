@@ -131,8 +131,8 @@ TEST_F(ServerTreeRetrieverTest, AnswersDecideTreeFlagAndException) {
         {"RootOnlyMissingNeverSynced", 1, 404, true, "", true, false, true},
         {"RootOnlyMissing", 1, 404, false, "The root folder: /Docs doesn't exist in server.", false,
          false, true},
-        // No exception, but without a listing the server's side must not be diffed.
-        {"RootOnlyServerError", 1, 500, false, "", true, false, false},
+        // No exception; only a "not modified" answer clears the flag.
+        {"RootOnlyServerError", 1, 500, false, "", true, false, true},
         // Nothing is asked and the flag keeps the last retrieval's outcome.
         {"OtherScope", 2, 0, false, "", false, false, false},
     };
