@@ -511,9 +511,6 @@ SyncResults Synchronizer::_CreateRootFolder(FolderConfiguration& root) {
                 SYNC_LOG_INFO("Server root folder doesn't exist: %0. Creating it.",
                               root.serverPath);
                 const SyncResults created = remote->CreateFolder(root, QString(), true);
-                // Keep the server's error codes so that 401 and 507 reach the cycle.
-                for (auto it = created.errorCodes.cbegin(); it != created.errorCodes.cend(); ++it)
-                    r.errorCodes[it.key()] += it.value();
                 if (!created.anyErrors()) {
                     sync::database::TransactionalScope scope;
                     _folderConfigManager->UpdateFolder(root);
@@ -535,7 +532,6 @@ SyncResults Synchronizer::_CreateRootFolder(FolderConfiguration& root) {
     } catch (const sync::http::HttpException& e) {
         ++r.FolderServerCreationErrors;
         r.FolderServerCreationErrorPaths.append(root.serverPath);
-        r.errorCodes[e.code] += 1;
         SYNC_LOG_ERROR("Failed to create server root folder %0. %1", root.serverPath, e.what());
     } catch (const std::exception& e) {
         ++r.FolderServerCreationErrors;
