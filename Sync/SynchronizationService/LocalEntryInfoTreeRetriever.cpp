@@ -14,9 +14,10 @@ using sync::config::FolderConfiguration;
 namespace {
 
 // The engine's own scratch and backup folders are never content, whatever their letter case.
-bool IsInEngineFolder(const QString& pathBelowRoot) {
-    return pathBelowRoot.contains(sync::core::consts::TEMP_FOLDER_NAME, Qt::CaseInsensitive) ||
-           pathBelowRoot.contains(sync::core::consts::BASE_FOLDER_NAME, Qt::CaseInsensitive);
+// The engine's own temporary and backup folders are never content, in any letter case.
+bool IsInEngineFolder(const QString& path) {
+    return path.contains(sync::core::consts::TEMP_FOLDER_NAME, Qt::CaseInsensitive) ||
+           path.contains(sync::core::consts::BASE_FOLDER_NAME, Qt::CaseInsensitive);
 }
 
 }  // namespace
@@ -54,26 +55,26 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
     } else if (root.syncScope == 0) {
         filters = QDir::Files | QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot;
         flags = QDirIterator::Subdirectories;
-    } else {
-        // A scope that synchronises nothing: neither the walk nor the generated files.
-        return tree;
     }
+    // Any other scope lists nothing; the generated files below are still checked.
+    const bool listed = root.syncScope == 0 || root.syncScope == 1;
     if (root.hasSyncOption(sync::config::SyncHiddenEntries)) filters |= QDir::Hidden;
 
     auto checkForExit = _coreFactory->CreateCheckForExit();
     const int rootLength = root.localPath.length();
-    auto walker = _coreFactory->CreateQDirIterator(root.localPath, filters, flags);
+    std::shared_ptr<sync::interf::IQDirIteratorWrapper> walker;
+    if (listed) walker = _coreFactory->CreateQDirIterator(root.localPath, filters, flags);
 
     int filteredFiles = 0;
     int filteredFolders = 0;
-    while (walker->HasNext()) {
+    while (walker && walker->HasNext()) {
         walker->Next();
         if (checkForExit->ShouldExit()) return tree;
         auto info = walker->FileInfo();
         const QString path = info->AbsoluteFilePath();
         const QString pathBelowRoot = path.mid(rootLength);
         if (info->IsFile()) {
-            if (IsInEngineFolder(pathBelowRoot)) continue;
+            if (IsInEngineFolder(path)) continue;
             FileConfiguration file;
             file.localPath = path;
             file.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
@@ -89,7 +90,7 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
                                    std::move(file));
             }
         } else if (info->IsDir()) {
-            if (IsInEngineFolder(pathBelowRoot)) continue;
+            if (IsInEngineFolder(path)) continue;
             FolderConfiguration folder;
             folder.localPath = path;
             folder.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
