@@ -9,7 +9,10 @@
 #include <boost/interprocess/file_mapping.hpp>
 #include <boost/interprocess/mapped_region.hpp>
 #include <cerrno>
+#include <csetjmp>
+#include <csignal>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 namespace sync {
@@ -38,6 +41,53 @@ private:
     int _fd;
 };
 
+// A file that another program truncates while we read it through the mapping raises SIGBUS,
+// which would end the whole service. While a mapped read runs on a thread, a bus error jumps
+// back to it and the file simply has no hash this time; any other bus error goes to whoever
+// handled the signal before us.
+thread_local sigjmp_buf* t_mappedReadJump = nullptr;
+struct sigaction g_previousBusAction;
+
+void OnBusError(int signal, siginfo_t* info, void* context) {
+    if (t_mappedReadJump) siglongjmp(*t_mappedReadJump, 1);
+    if (g_previousBusAction.sa_flags & SA_SIGINFO) {
+        if (g_previousBusAction.sa_sigaction)
+            g_previousBusAction.sa_sigaction(signal, info, context);
+        return;
+    }
+    if (g_previousBusAction.sa_handler == SIG_IGN) return;
+    if (g_previousBusAction.sa_handler == SIG_DFL) {
+        ::signal(signal, SIG_DFL);
+        ::raise(signal);
+        return;
+    }
+    g_previousBusAction.sa_handler(signal);
+}
+
+void InstallBusErrorGuard() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction action {};
+        action.sa_sigaction = OnBusError;
+        action.sa_flags = SA_SIGINFO | SA_NODEFER;
+        sigemptyset(&action.sa_mask);
+        ::sigaction(SIGBUS, &action, &g_previousBusAction);
+    });
+}
+
+// Only C code runs between the jump point and the read, so jumping back skips no destructor.
+bool DigestRegion(EVP_MD_CTX* ctx, const void* data, size_t size) {
+    sigjmp_buf jump;
+    if (sigsetjmp(jump, 1) != 0) {
+        t_mappedReadJump = nullptr;
+        return false;
+    }
+    t_mappedReadJump = &jump;
+    const bool ok = EVP_DigestUpdate(ctx, data, size) == 1;
+    t_mappedReadJump = nullptr;
+    return ok;
+}
+
 // Maps the whole file; false when it cannot be mapped (the caller then reads it).
 bool DigestMapped(EVP_MD_CTX* ctx, const QByteArray& nativePath, bool& digestFailed) {
     namespace bip = boost::interprocess;
@@ -45,7 +95,8 @@ bool DigestMapped(EVP_MD_CTX* ctx, const QByteArray& nativePath, bool& digestFai
         bip::file_mapping file(nativePath.constData(), bip::read_only);
         bip::mapped_region region(file, bip::read_only);
         region.advise(bip::mapped_region::advice_sequential);
-        digestFailed = EVP_DigestUpdate(ctx, region.get_address(), region.get_size()) != 1;
+        InstallBusErrorGuard();
+        digestFailed = !DigestRegion(ctx, region.get_address(), region.get_size());
         return true;
     } catch (const bip::interprocess_exception&) {
         return false;
