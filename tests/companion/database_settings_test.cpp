@@ -83,8 +83,10 @@ ActionLogEntry Entry(int type, int kind = -1, const char* arguments = "") {
     e.localPath = "/u/Docs";
     e.name = "Docs";
     e.hasDetails = kind >= 0;
-    if (e.hasDetails)
-        e.details = SyncDetails(kind, QString(arguments).split(' ', Qt::SkipEmptyParts));
+    if (e.hasDetails) {
+        const QStringList words = QString(arguments).split(' ', Qt::SkipEmptyParts);
+        e.details = SyncDetails(kind, QVector<QString>(words.begin(), words.end()));
+    }
     return e;
 }
 ActionLogEntry NoNetwork() {
