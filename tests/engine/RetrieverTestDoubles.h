@@ -8,6 +8,7 @@
 #include <QVector>
 #include <memory>
 
+#include "ConfigManagerMocks.h"
 #include "CoreFactory.h"
 #include "ICheckForExit.h"
 #include "ICryptographicHash.h"
@@ -77,23 +78,6 @@ protected:
 
     std::shared_ptr<HashFactory> factory = std::make_shared<HashFactory>();
     MockCryptographicHash& hash = *factory->hash;
-};
-
-class MockFileConfigManager : public sync::interf::IFileConfigManager {
-public:
-    using File = sync::config::FileConfiguration;
-    MOCK_METHOD(File, GetFileById, (int), (override));
-    MOCK_METHOD(File, GetGeneratedFileById, (int), (override));
-    MOCK_METHOD(QVector<File>, GetFilesOfMissingRootFolders, (), (override));
-    MOCK_METHOD(File, GetFileByPath, (const QString&, int), (override));
-    MOCK_METHOD(QVector<File>, GetFilesByRootId, (int, bool), (override));
-    MOCK_METHOD(QVector<File>, GetGeneratedFilesByRootId, (int, bool), (override));
-    MOCK_METHOD(QVector<File>, GetGeneratedFilesByKind, (int), (override));
-    MOCK_METHOD(bool, UpdateFile, (const File&), (override));
-    MOCK_METHOD(bool, AddFile, (File&), (override));
-    MOCK_METHOD(void, RemoveFile, (int), (override));
-    MOCK_METHOD(void, RemoveGeneratedFileById, (int), (override));
-    MOCK_METHOD(void, RemoveGeneratedFile, (int), (override));
 };
 
 }  // namespace test

@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 
+#include "ConfigManagerMocks.h"
 #include "FileConfiguration.h"
 #include "FolderConfiguration.h"
 #include "IActionLog.h"
@@ -64,38 +65,6 @@ public:
     MOCK_METHOD(void, PostProcessFiles, (const FolderConfiguration&, Depot, SyncResults&),
                 (override));
     MOCK_METHOD(void, SyncFinished, (), (override));
-};
-
-class MockFileConfigManager : public interf::IFileConfigManager {
-public:
-    MOCK_METHOD(FileConfiguration, GetFileById, (int), (override));
-    MOCK_METHOD(FileConfiguration, GetGeneratedFileById, (int), (override));
-    MOCK_METHOD(QVector<FileConfiguration>, GetFilesOfMissingRootFolders, (), (override));
-    MOCK_METHOD(FileConfiguration, GetFileByPath, (const QString&, int), (override));
-    MOCK_METHOD(QVector<FileConfiguration>, GetFilesByRootId, (int, bool), (override));
-    MOCK_METHOD(QVector<FileConfiguration>, GetGeneratedFilesByRootId, (int, bool), (override));
-    MOCK_METHOD(QVector<FileConfiguration>, GetGeneratedFilesByKind, (int), (override));
-    MOCK_METHOD(bool, UpdateFile, (const FileConfiguration&), (override));
-    MOCK_METHOD(bool, AddFile, (FileConfiguration&), (override));
-    MOCK_METHOD(void, RemoveFile, (int), (override));
-    MOCK_METHOD(void, RemoveGeneratedFileById, (int), (override));
-    MOCK_METHOD(void, RemoveGeneratedFile, (int), (override));
-};
-
-class MockFolderConfigManager : public interf::IFolderConfigManager {
-public:
-    MOCK_METHOD(FolderConfiguration, GetFolderById, (int), (override));
-    MOCK_METHOD(FolderConfiguration, GetFolderByPath, (const QString&, int), (override));
-    MOCK_METHOD(QVector<FolderConfiguration>, GetFoldersByRootId, (int), (override));
-    MOCK_METHOD(QVector<FolderConfiguration>, GetFoldersOfMissingRootFolders, (), (override));
-    MOCK_METHOD(bool, UpdateFolder, (const FolderConfiguration&), (override));
-    MOCK_METHOD(bool, AddFolder, (FolderConfiguration&), (override));
-    MOCK_METHOD(void, RemoveFolder, (int), (override));
-    MOCK_METHOD(bool, DeleteFolderById, (int), (override));
-    MOCK_METHOD(QVector<FolderConfiguration>, GetRootFolders, (), (override));
-    MOCK_METHOD(bool, IsAuthenticationInUse, (int), (override));
-    MOCK_METHOD(void, ReleaseMemory, (), (override));
-    MOCK_METHOD(bool, RemoveRootFolder, (int), (override));
 };
 
 class MockRemoteFolderManager : public interf::IRemoteFolderManager {
