@@ -21,10 +21,10 @@
 
 #include "ConfigDatabase.h"
 #include "ConfigEntryInfoTreeRetriever.h"
-#include "Core/CoreFactory.h"
-#include "Core/FolderUtilities.h"
+#include "CoreFactory.h"
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
+#include "FolderUtilities.h"
 #include "ISyncFilter.h"
 #include "LocalConfigTreeDiffer.h"
 #include "LocalEntryInfoTreeRetriever.h"

@@ -3,6 +3,7 @@
 #include <QDateTime>
 #include <QString>
 
+#include "SyncCodes.h"
 #include "SyncDetails.h"
 
 namespace sync {
@@ -27,31 +28,8 @@ struct ActionLogEntry {
     }
 };
 
-// Entry types and details kinds that the engine writes.
-namespace actionlog {
-enum EntryType {
-    RootFolderSynchronized = 2,
-    RootFolderFailed = 3,
-    ConnectionProblem = 4,
-    LocalFileMovedToTrash = 9,
-    LocalFileNotRemoved = 15,
-    LocalFolderCreated = 17,
-    LocalFolderNotCreated = 18,
-    LocalFolderDeleted = 19,
-    LocalFolderNotDeleted = 20,
-    RootFolderRemoved = 27,
-};
-enum DetailsKind {
-    UnexpectedError = 0,
-    NoNetwork = 1,
-    NetworkDriveUnreachable = 3,
-    ErrorCounts = 12,
-    ItemInUse = 14,
-    TransferCounts = 16,
-    RootFolderRemovedPath = 19,
-    PathTooLong = 20,
-};
-}  // namespace actionlog
+// The entry types and details kinds live with the engine's other wire codes.
+namespace actionlog = sync::core::actionlog;
 
 }  // namespace database
 }  // namespace sync

@@ -162,19 +162,19 @@ QString ActionLogWording::DetailsText(const sync::core::SyncDetails& details) {
 QString ActionLogWording::HttpText(int httpCode, const QString& url) {
     QString reason;
     switch (httpCode) {
-        case 401:
+        case sync::http::Unauthorized:
             reason = QStringLiteral("the server did not accept the sign-in");
             break;
-        case 403:
+        case sync::http::Forbidden:
             reason = QStringLiteral("the server refused access");
             break;
-        case 404:
+        case sync::http::NotFound:
             reason = QStringLiteral("the server could not find the folder");
             break;
-        case 429:
+        case sync::http::TooManyRequests:
             reason = QStringLiteral("the server asked to slow down");
             break;
-        case 507:
+        case sync::http::InsufficientStorage:
             reason = QStringLiteral("the server has no space left");
             break;
         default:

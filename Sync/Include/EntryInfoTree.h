@@ -2,6 +2,7 @@
 
 #include <QHash>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QtGlobal>
 #include <utility>
@@ -34,6 +35,15 @@ public:
 
     QHash<QString, sync::config::FolderConfiguration> folderMap;
     QHash<QString, sync::config::FileConfiguration> fileMap;
+
+    // Keys of entries that the retriever left out by a rule (a filter, a length limit, two
+    // names that differ only in letter case). Such an entry, and for a folder everything below
+    // it, is not planned at all: an entry missing from a tree would otherwise look deleted.
+    QSet<QString> excludedFolderKeys;
+    QSet<QString> excludedFileKeys;
+    // The walk never sees hidden entries when the root does not synchronise them, so it cannot
+    // name them: every entry with a hidden name somewhere below the root counts as left out.
+    bool hiddenEntriesExcluded = false;
 };
 
 }  // namespace syncService

@@ -21,6 +21,10 @@ public:
     virtual bool IsSymLink() = 0;
     virtual bool IsHidden() = 0;
     virtual bool Exists() = 0;
+    // When the entry's name is not valid UTF-8 it cannot be held in a QString and turned back
+    // into the same bytes, so nothing can be done with the entry: this returns the name with
+    // every byte outside valid UTF-8 written as \xNN. Empty for every other entry.
+    virtual QString UndecodableName() { return QString(); }
 };
 
 }  // namespace interf

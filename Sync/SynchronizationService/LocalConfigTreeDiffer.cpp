@@ -1,7 +1,8 @@
 #include "LocalConfigTreeDiffer.h"
 
-#include "Core/CoreFactory.h"
-#include "Core/FolderUtilities.h"
+#include "CoreFactory.h"
+#include "FolderUtilities.h"
+#include "SyncCodes.h"
 #include "SyncLog.h"
 
 namespace sync {
@@ -48,7 +49,7 @@ bool LocalConfigTreeDiffer::DetectFileModified(FileConfiguration& configFile,
     // have to go up.
     if (!modified && !configFile.serverFileId.isEmpty() &&
         configFile.syncStatus == FileSynchronizationStatus::OutOfSync &&
-        configFile.transferDirection == 2) {
+        configFile.transferDirection == sync::config::TransferUpload) {
         referencesOnly = 1;
         modified = true;
     }

@@ -1,6 +1,7 @@
 #include "LocalEntryInfoTreeRetriever.h"
 
 #include "ServerPaths.h"
+#include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncException.h"
 #include "SyncLog.h"
@@ -50,14 +51,15 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
     // Not following links also keeps a link loop from walking forever.
     QDir::Filters filters;
     QDirIterator::IteratorFlags flags = QDirIterator::NoIteratorFlags;
-    if (root.syncScope == 1) {
+    if (root.syncScope == sync::config::SyncScopeRootOnly) {
         filters = QDir::Files | QDir::NoSymLinks;
-    } else if (root.syncScope == 0) {
+    } else if (root.syncScope == sync::config::SyncScopeWholeTree) {
         filters = QDir::Files | QDir::Dirs | QDir::NoSymLinks | QDir::NoDotAndDotDot;
         flags = QDirIterator::Subdirectories;
     }
     // Any other scope lists nothing; the generated files below are still checked.
-    const bool listed = root.syncScope == 0 || root.syncScope == 1;
+    const bool listed = root.syncScope == sync::config::SyncScopeWholeTree ||
+                        root.syncScope == sync::config::SyncScopeRootOnly;
     if (root.hasSyncOption(sync::config::SyncHiddenEntries)) filters |= QDir::Hidden;
 
     auto checkForExit = _coreFactory->CreateCheckForExit();

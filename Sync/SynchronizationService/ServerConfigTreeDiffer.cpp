@@ -1,6 +1,7 @@
 #include "ServerConfigTreeDiffer.h"
 
 #include "PathHelpers.h"
+#include "SyncCodes.h"
 #include "SyncLog.h"
 
 namespace sync {
@@ -72,7 +73,7 @@ bool ServerConfigTreeDiffer::DetectFileModified(FileConfiguration& configFile,
     // have to come down.
     if (!modified && !configFile.serverFileId.isEmpty() &&
         configFile.syncStatus == FileSynchronizationStatus::OutOfSync &&
-        configFile.transferDirection == 1) {
+        configFile.transferDirection == sync::config::TransferDownload) {
         referencesOnly = 1;
         modified = true;
     }

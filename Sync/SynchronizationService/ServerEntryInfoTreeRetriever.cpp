@@ -1,6 +1,7 @@
 #include "ServerEntryInfoTreeRetriever.h"
 
 #include "HttpException.h"
+#include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
 
@@ -12,9 +13,6 @@ using sync::config::FolderConfiguration;
 using sync::config::FolderSynchronizationStatus;
 
 namespace {
-
-constexpr int kNotModified = 304;
-constexpr int kNotFound = 404;
 
 QString WithRootPath(const char* text, const FolderConfiguration& root) {
     return QString::fromLatin1(text).replace(QLatin1String("%0"), root.serverPath);
@@ -41,9 +39,9 @@ ServerEntryInfoTreeRetriever::ServerEntryInfoTreeRetriever(
 std::shared_ptr<EntryInfoTree> ServerEntryInfoTreeRetriever::GetEntryInfoTree(
     FolderConfiguration& root) {
     auto tree = std::make_shared<EntryInfoTree>();
-    if (root.syncScope == 0)
+    if (root.syncScope == sync::config::SyncScopeWholeTree)
         _GetEntryInfoTree(root, *tree);
-    else if (root.syncScope == 1)
+    else if (root.syncScope == sync::config::SyncScopeRootOnly)
         _GetRootEntryInfo(root, *tree);
     return tree;
 }
@@ -55,15 +53,16 @@ void ServerEntryInfoTreeRetriever::_GetEntryInfoTree(FolderConfiguration& root,
     auto files = std::make_shared<QVector<FileConfiguration>>();
     const int result = _remoteFolderManagerFactory->CreateRemoteFolderManager(root.authenticationId)
                            ->GetFolderTree(root, folders, files);
-    if (result == kNotModified) {
+    if (result == sync::http::NotModified) {
         treeModified = false;
         return;
     }
-    if (result == kNotFound) {
+    if (result == sync::http::NotFound) {
         // A root that was never synchronised may not have reached the server yet.
         if (root.getSyncStatus() == FolderSynchronizationStatus::NotSynchronized) return;
         throw sync::http::HttpException(
-            kNotFound, WithRootPath("The root folder: %0 doesn't exist on the server.", root));
+            sync::http::NotFound,
+            WithRootPath("The root folder: %0 doesn't exist on the server.", root));
     }
     if (result != 0) {
         throw sync::http::HttpException(
@@ -89,15 +88,16 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
     auto files = std::make_shared<QVector<FileConfiguration>>();
     const int result = _remoteFileManagerFactory->CreateRemoteFileManager(root.authenticationId)
                            ->GetRootFiles(root, files);
-    if (result == kNotModified) {
+    if (result == sync::http::NotModified) {
         treeModified = false;
         return;
     }
     const bool neverSynchronized =
         root.getSyncStatus() == FolderSynchronizationStatus::NotSynchronized;
-    if (result == kNotFound && !neverSynchronized) {
+    if (result == sync::http::NotFound && !neverSynchronized) {
         throw sync::http::HttpException(
-            kNotFound, WithRootPath("The root folder: %0 doesn't exist in server.", root));
+            sync::http::NotFound,
+            WithRootPath("The root folder: %0 doesn't exist in server.", root));
     }
     if (result == 0) {
         // The root's files belong in the tree: the server rules count every database file
@@ -107,7 +107,7 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
         if (!_AddFiles(*files, tree, *checkForExit, filteredFiles)) return;
         if (filteredFiles > 0)
             SYNC_LOG_INFO("Filtered out %1 server file(s) and %2 folder(s)", filteredFiles, 0);
-    } else if (result != kNotFound) {
+    } else if (result != sync::http::NotFound) {
         SYNC_LOG_WARN("Failed to get server files of root folder %0 (status %1).", root.serverPath,
                       result);
     }

@@ -11,6 +11,7 @@
 #include "Finally.h"
 #include "FolderUtilities.h"
 #include "HttpException.h"
+#include "SyncCodes.h"
 #include "SyncLog.h"
 #include "SyncMetaTypes.h"
 #include "SyncServiceException.h"
@@ -30,23 +31,9 @@ using Category = sync::core::SyncResults::Category;
 
 namespace {
 
-// Action-log entry types.
-constexpr int kEntryFolderSynchronized = 2;
-constexpr int kEntryFolderFailed = 3;
-constexpr int kEntryConnectionProblem = 4;
-constexpr int kEntryRootFolderRemoved = 27;
+namespace actionlog = sync::core::actionlog;
+namespace http = sync::http;
 
-// Action-log details kinds.
-constexpr int kDetailsNone = 0;
-constexpr int kDetailsNetworkDrive = 3;
-constexpr int kDetailsFolderErrors = 12;
-constexpr int kDetailsFolderCounts = 16;
-constexpr int kDetailsRootFolderRemoved = 19;
-
-constexpr int kNotConnected = 3;
-constexpr int kHttpUnauthorized = 401;
-constexpr int kHttpInsufficientStorage = 507;
-constexpr int kBaseFileKind = 2;
 constexpr int kTruncatedListLength = 25;
 
 // The categories of the per-root-folder error report, in report order, with the line that
@@ -240,7 +227,7 @@ SyncResults Synchronizer::Synchronize() {
 
     if (!_connectedToNetwork->IsConnected()) {
         SYNC_LOG_ERROR("No internet connection");
-        emit ConnectionError(kNotConnected);
+        emit ConnectionError(actionlog::kNotConnected);
         return SyncResults();
     }
     if (_checkForExit->ShouldExit()) return SyncResults();
@@ -315,37 +302,37 @@ SyncResults Synchronizer::Synchronize() {
             }
         } catch (const sync::http::HttpException& e) {
             // An account that was removed while its root folder synchronised is no error.
-            const bool silent = e.code == kHttpUnauthorized && !_StillValidFolderConfig(root);
+            const bool silent = e.code == http::Unauthorized && !_StillValidFolderConfig(root);
             if (!silent) {
                 SYNC_LOG_ERROR("%1", e.what());
-                ActionLog()->AddHttpErrorEntry(kEntryFolderFailed, e.code, root.localPath,
+                ActionLog()->AddHttpErrorEntry(actionlog::RootFolderFailed, e.code, root.localPath,
                                                root.name, _ServerUrlOf(root));
                 total.errorCodes[e.code] += 1;
                 errorCode = e.code;
                 takeErrorPath = true;
             }
         } catch (const SyncServiceException& e) {
-            ActionLog()->AddFolderEntry(kEntryFolderFailed, root.localPath, root.name);
+            ActionLog()->AddFolderEntry(actionlog::RootFolderFailed, root.localPath, root.name);
             SYNC_LOG_ERROR("%1", e.what());
             takeErrorPath = true;
         } catch (const std::exception& e) {
             auto log = ActionLog();
-            log->AddFolderEntryWithDetails(kEntryFolderFailed, root.localPath, root.name,
-                                           log->CreateDetails(kDetailsNone));
+            log->AddFolderEntryWithDetails(actionlog::RootFolderFailed, root.localPath, root.name,
+                                           log->CreateDetails(actionlog::UnexpectedError));
             SYNC_LOG_ERROR("Caught unknown, unexpected exception.  Swallowing exception.");
             SYNC_LOG_DEBUG("%1", e.what());
             takeErrorPath = true;
         } catch (...) {
             auto log = ActionLog();
-            log->AddFolderEntryWithDetails(kEntryFolderFailed, root.localPath, root.name,
-                                           log->CreateDetails(kDetailsNone));
+            log->AddFolderEntryWithDetails(actionlog::RootFolderFailed, root.localPath, root.name,
+                                           log->CreateDetails(actionlog::UnexpectedError));
             SYNC_LOG_ERROR("Caught unknown, unexpected exception.  Swallowing exception.");
             takeErrorPath = true;
         }
 
         if (takeErrorPath) {
             _UpdateRootFolderStatusForOutOfSync(root.id);
-            if (errorCode == kHttpUnauthorized) emit FolderAuthenticationError(root.id);
+            if (errorCode == http::Unauthorized) emit FolderAuthenticationError(root.id);
             emit FolderSyncError(root.localPath, root.id, errorCode);
             errorsReported = true;
         }
@@ -355,7 +342,7 @@ SyncResults Synchronizer::Synchronize() {
             root.id, folderResult, statusBefore == FolderSynchronizationStatus::NotSynchronized);
 
         // The server is full: every further upload would fail the same way.
-        if (errorCode == kHttpInsufficientStorage) break;
+        if (errorCode == http::InsufficientStorage) break;
     }
 
     if (synchronizedRootFolders == 0) SYNC_LOG_INFO("No folder is enabled for sync");
@@ -703,7 +690,7 @@ void Synchronizer::_RemoveFileConfigurationsOfNonExistingRootFolders() {
 
 void Synchronizer::_CleanupBaseFiles() {
     for (const FileConfiguration& base :
-         _fileConfigManager->GetGeneratedFilesByKind(kBaseFileKind)) {
+         _fileConfigManager->GetGeneratedFilesByKind(sync::config::GeneratedBaseCopy)) {
         const FileConfiguration source = _fileConfigManager->GetFileById(base.parentFileId);
         const bool baseFileExists = QFileInfo::exists(base.localPath);
         if (source.id != -1 && baseFileExists) continue;
@@ -724,8 +711,8 @@ void Synchronizer::_CleanupDb(const FolderConfiguration&) {
 void Synchronizer::_RemoveRootFolderConfig(const FolderConfiguration& root) {
     auto log = ActionLog();
     log->AddFolderEntryWithDetails(
-        kEntryRootFolderRemoved, root.localPath, root.name,
-        log->CreateDetailsWithArguments(kDetailsRootFolderRemoved,
+        actionlog::RootFolderRemoved, root.localPath, root.name,
+        log->CreateDetailsWithArguments(actionlog::RootFolderRemovedPath,
                                         {QDir::toNativeSeparators(root.localPath)}));
 
     sync::database::TransactionalScope scope;
@@ -755,10 +742,10 @@ void Synchronizer::_AddSyncCompleteToActionLog(const FolderConfiguration& root,
                                 results.FileServerDeletions == 0 && results.FileLocalDeletions == 0;
         if (!noFileWork) {
             log->AddFolderEntryWithDetails(
-                kEntryFolderSynchronized, root.localPath, root.name,
-                log->CreateDetailsWithArguments(kDetailsFolderCounts, arguments));
+                actionlog::RootFolderSynchronized, root.localPath, root.name,
+                log->CreateDetailsWithArguments(actionlog::TransferCounts, arguments));
         } else if (wasOutOfSync || results.anyWorkDone()) {
-            log->AddFolderEntry(kEntryFolderSynchronized, root.localPath, root.name);
+            log->AddFolderEntry(actionlog::RootFolderSynchronized, root.localPath, root.name);
         }
         return;
     }
@@ -768,15 +755,15 @@ void Synchronizer::_AddSyncCompleteToActionLog(const FolderConfiguration& root,
                       results.FolderServerDeletionErrors, results.FolderLocalDeletionErrors})
         arguments.append(QString::number(count));
     log->AddFolderEntryWithDetails(
-        kEntryFolderFailed, root.localPath, root.name,
-        log->CreateDetailsWithArguments(kDetailsFolderErrors, arguments));
+        actionlog::RootFolderFailed, root.localPath, root.name,
+        log->CreateDetailsWithArguments(actionlog::ErrorCounts, arguments));
 }
 
 void Synchronizer::_AddNetworkDriveConnectFailedToActionLog(const FolderConfiguration& root) {
     auto log = ActionLog();
     log->AddFolderEntryWithDetails(
-        kEntryConnectionProblem, root.localPath, root.name,
-        log->CreateDetailsWithArguments(kDetailsNetworkDrive, {root.localPath}));
+        actionlog::ConnectionProblem, root.localPath, root.name,
+        log->CreateDetailsWithArguments(actionlog::NetworkDriveUnreachable, {root.localPath}));
 }
 
 }  // namespace syncService
