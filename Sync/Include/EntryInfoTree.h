@@ -4,6 +4,7 @@
 #include <QObject>
 #include <QSet>
 #include <QString>
+#include <QStringList>
 #include <QtGlobal>
 #include <utility>
 
@@ -33,6 +34,29 @@ public:
 #endif
     }
 
+    // Puts an entry found by a walk under its key. Two names of one folder that differ only in
+    // letter case map to one key, and neither could be synchronised without overwriting the
+    // other: the key is then excluded and the entry already put is taken out again. Returns the
+    // paths (field `path` of the records) that clash: both on the first clash, the newcomer's on
+    // any later one; empty when the entry was put.
+    template <typename Record>
+    QStringList PutWalked(QHash<QString, Record>& map, QSet<QString>& excludedKeys,
+                          QSet<QString>& clashingKeys, const QString& key, Record&& record,
+                          QString Record::*path) {
+        if (clashingKeys.contains(key)) return {record.*path};
+        const auto existing = map.constFind(key);
+        // The same name listed twice is one entry, not a clash.
+        if (existing == map.constEnd() || (*existing).*path == record.*path) {
+            Put(map, key, std::move(record));
+            return {};
+        }
+        const QStringList clash{(*existing).*path, record.*path};
+        map.remove(key);
+        clashingKeys.insert(key);
+        excludedKeys.insert(key);
+        return clash;
+    }
+
     QHash<QString, sync::config::FolderConfiguration> folderMap;
     QHash<QString, sync::config::FileConfiguration> fileMap;
 
@@ -44,6 +68,9 @@ public:
     // The walk never sees hidden entries when the root does not synchronise them, so it cannot
     // name them: every entry with a hidden name somewhere below the root counts as left out.
     bool hiddenEntriesExcluded = false;
+    // The keys of excludedFolderKeys and excludedFileKeys that a letter-case clash put there.
+    QSet<QString> clashingFolderKeys;
+    QSet<QString> clashingFileKeys;
 };
 
 }  // namespace syncService

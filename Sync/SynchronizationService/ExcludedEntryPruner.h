@@ -12,7 +12,7 @@ namespace syncService {
 // off, a filter added, a name clash in letter case) must not look deleted on that side, and the
 // other side's copy must not be downloaded or uploaded over it: the record stays as it is and
 // neither copy is touched. The engine's own temporary and backup folders are left out here too,
-// whichever tree holds them.
+// whichever tree holds them, but for the generated files that the local retriever adds.
 class ExcludedEntryPruner {
 public:
     // rootServerPath: the root folder's serverPath; the root itself is never taken out.

@@ -14,7 +14,6 @@ using sync::config::FolderConfiguration;
 
 namespace {
 
-// The engine's own scratch and backup folders are never content, whatever their letter case.
 // The engine's own temporary and backup folders are never content, in any letter case.
 bool IsInEngineFolder(const QString& path) {
     return path.contains(sync::core::consts::TEMP_FOLDER_NAME, Qt::CaseInsensitive) ||
@@ -67,6 +66,9 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
     std::shared_ptr<sync::interf::IQDirIteratorWrapper> walker;
     if (listed) walker = _coreFactory->CreateQDirIterator(root.localPath, filters, flags);
 
+    // The walk does not show hidden entries; planning must not take them for deleted ones.
+    tree->hiddenEntriesExcluded = !root.hasSyncOption(sync::config::SyncHiddenEntries);
+
     int filteredFiles = 0;
     int filteredFolders = 0;
     while (walker && walker->HasNext()) {
@@ -75,8 +77,23 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
         auto info = walker->FileInfo();
         const QString path = info->AbsoluteFilePath();
         const QString pathBelowRoot = path.mid(rootLength);
+        if (!info->IsFile() && !info->IsDir()) continue;
+        if (IsInEngineFolder(path)) continue;
+        const QString undecodableName = info->UndecodableName();
+        if (!undecodableName.isEmpty()) {
+            // Such a name cannot be written back to the disk or sent to the server.
+            SYNC_LOG_WARN("Leaving out %1 in local folder %2: its name is not valid UTF-8.",
+                          undecodableName, path.section(QLatin1Char('/'), 0, -2));
+            if (info->IsFile()) {
+                ++filteredFiles;
+                Q_EMIT FileFilteredOut(path);
+            } else {
+                ++filteredFolders;
+                Q_EMIT FolderFilteredOut(path);
+            }
+            continue;
+        }
         if (info->IsFile()) {
-            if (IsInEngineFolder(path)) continue;
             FileConfiguration file;
             file.localPath = path;
             file.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
@@ -84,15 +101,19 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
             file.lastModified = info->LastModified().toUTC();
             file.size = info->Size();
             file.rootId = root.rootId;
+            const QString key = EntryInfoTree::KeyOf(file.serverPath);
             if (_FilterFile(root.localPath, path, file.size) || _FilterFileNameByMaxLength(file)) {
                 ++filteredFiles;
+                tree->excludedFileKeys.insert(key);
                 SYNC_LOG_DEBUG("Filtered out local file %1", path);
-            } else {
-                EntryInfoTree::Put(tree->fileMap, EntryInfoTree::KeyOf(file.serverPath),
-                                   std::move(file));
+                continue;
             }
-        } else if (info->IsDir()) {
-            if (IsInEngineFolder(path)) continue;
+            const QStringList clash =
+                tree->PutWalked(tree->fileMap, tree->excludedFileKeys, tree->clashingFileKeys, key,
+                                std::move(file), &FileConfiguration::localPath);
+            filteredFiles += clash.size();
+            _ReportClash(clash, /*folders=*/false);
+        } else {
             FolderConfiguration folder;
             folder.localPath = path;
             folder.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
@@ -100,13 +121,20 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
             folder.name = info->FileName();
             folder.lastModified = info->LastModified();
             folder.rootId = root.rootId;
-            // A folder left out does not hide its content: each file below is judged alone.
+            const QString key = EntryInfoTree::KeyOf(folder.serverPath);
+            // A folder left out keeps its content out of planning too (the content is still
+            // walked, and judged on its own by the filters).
             if (_FilterFolder(root.localPath, path) || _FilterFolderNameByMaxLength(folder)) {
                 ++filteredFolders;
+                tree->excludedFolderKeys.insert(key);
                 SYNC_LOG_DEBUG("Filtered out local folder %1", path);
-            } else {
-                tree->folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+                continue;
             }
+            const QStringList clash =
+                tree->PutWalked(tree->folderMap, tree->excludedFolderKeys, tree->clashingFolderKeys,
+                                key, std::move(folder), &FolderConfiguration::localPath);
+            filteredFolders += clash.size();
+            _ReportClash(clash, /*folders=*/true);
         }
     }
     if (filteredFiles > 0 || filteredFolders > 0)
@@ -142,6 +170,21 @@ void LocalEntryInfoTreeRetriever::_AddGeneratedFiles(const FolderConfiguration& 
             continue;
         }
         tree.fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+    }
+}
+
+void LocalEntryInfoTreeRetriever::_ReportClash(const QStringList& paths, bool folders) {
+    if (paths.isEmpty()) return;
+    if (paths.size() > 1)
+        SYNC_LOG_WARN(
+            "Leaving out %1 and %2: their names differ only in letter case, and one would "
+            "overwrite the other. Rename one of them to synchronise both.",
+            paths.at(0), paths.at(1));
+    for (const QString& path : paths) {
+        if (folders)
+            Q_EMIT FolderFilteredOut(path);
+        else
+            Q_EMIT FileFilteredOut(path);
     }
 }
 

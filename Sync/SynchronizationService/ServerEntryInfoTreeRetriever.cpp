@@ -64,7 +64,7 @@ void ServerEntryInfoTreeRetriever::_GetEntryInfoTree(FolderConfiguration& root,
             sync::http::NotFound,
             WithRootPath("The root folder: %0 doesn't exist on the server.", root));
     }
-    if (result != 0) {
+    if (result != sync::http::Success) {
         throw sync::http::HttpException(
             result, WithRootPath("Failed to get server folder tree for root folder %0", root));
     }
@@ -92,14 +92,18 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
         treeModified = false;
         return;
     }
-    const bool neverSynchronized =
-        root.getSyncStatus() == FolderSynchronizationStatus::NotSynchronized;
-    if (result == sync::http::NotFound && !neverSynchronized) {
+    if (result == sync::http::NotFound) {
+        // A root that was never synchronised may not have reached the server yet.
+        if (root.getSyncStatus() != FolderSynchronizationStatus::NotSynchronized)
+            throw sync::http::HttpException(
+                sync::http::NotFound,
+                WithRootPath("The root folder: %0 doesn't exist in server.", root));
+    } else if (result != sync::http::Success) {
+        // A tree without the root's files would make every one of them look deleted on the
+        // server, and their local copies would go to the trash.
         throw sync::http::HttpException(
-            sync::http::NotFound,
-            WithRootPath("The root folder: %0 doesn't exist in server.", root));
-    }
-    if (result == 0) {
+            result, WithRootPath("Failed to get server folder tree for root folder %0", root));
+    } else {
         // The root's files belong in the tree: the server rules count every database file
         // missing from it as deleted on the server.
         auto checkForExit = _coreFactory->CreateCheckForExit();
@@ -107,9 +111,6 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
         if (!_AddFiles(*files, tree, *checkForExit, filteredFiles)) return;
         if (filteredFiles > 0)
             SYNC_LOG_INFO("Filtered out %1 server file(s) and %2 folder(s)", filteredFiles, 0);
-    } else if (result != sync::http::NotFound) {
-        SYNC_LOG_WARN("Failed to get server files of root folder %0 (status %1).", root.serverPath,
-                      result);
     }
     tree.folderMap.insert(EntryInfoTree::KeyOf(root.serverPath), root);
 }
@@ -120,12 +121,18 @@ bool ServerEntryInfoTreeRetriever::_AddFiles(const QVector<FileConfiguration>& f
                                              int& filteredCount) {
     for (const FileConfiguration& file : files) {
         if (checkForExit.ShouldExit()) return false;
+        const QString key = EntryInfoTree::KeyOf(file.serverPath);
         if (_FilterFile(file) || _FilterFileNameByMaxLength(file)) {
             ++filteredCount;
+            tree.excludedFileKeys.insert(key);
             SYNC_LOG_DEBUG("Filtered out server file %1", file.serverPath);
             continue;
         }
-        tree.fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+        const QStringList clash =
+            tree.PutWalked(tree.fileMap, tree.excludedFileKeys, tree.clashingFileKeys, key,
+                           FileConfiguration(file), &FileConfiguration::serverPath);
+        filteredCount += clash.size();
+        _ReportClash(clash, /*folders=*/false);
     }
     return true;
 }
@@ -136,15 +143,37 @@ bool ServerEntryInfoTreeRetriever::_AddFolders(const QVector<FolderConfiguration
                                                int& filteredCount) {
     for (const FolderConfiguration& folder : folders) {
         if (checkForExit.ShouldExit()) return false;
-        // A folder left out does not hide its files: each is judged on its own.
+        const QString key = EntryInfoTree::KeyOf(folder.serverPath);
+        // A folder left out keeps its content out of planning too (each file is still judged
+        // on its own by the filters).
         if (_FilterFolder(folder.serverPath) || _FilterFolderNameByMaxLength(folder)) {
             ++filteredCount;
+            tree.excludedFolderKeys.insert(key);
             SYNC_LOG_DEBUG("Filtered out server folder %1", folder.serverPath);
             continue;
         }
-        tree.folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+        const QStringList clash =
+            tree.PutWalked(tree.folderMap, tree.excludedFolderKeys, tree.clashingFolderKeys, key,
+                           FolderConfiguration(folder), &FolderConfiguration::serverPath);
+        filteredCount += clash.size();
+        _ReportClash(clash, /*folders=*/true);
     }
     return true;
+}
+
+void ServerEntryInfoTreeRetriever::_ReportClash(const QStringList& paths, bool folders) {
+    if (paths.isEmpty()) return;
+    if (paths.size() > 1)
+        SYNC_LOG_WARN(
+            "Leaving out server entries %1 and %2: their names differ only in letter case, and "
+            "one would overwrite the other. Rename one of them to synchronise both.",
+            paths.at(0), paths.at(1));
+    for (const QString& path : paths) {
+        if (folders)
+            Q_EMIT FolderFilteredOut(path);
+        else
+            Q_EMIT FileFilteredOut(path);
+    }
 }
 
 bool ServerEntryInfoTreeRetriever::_FilterFile(const FileConfiguration& file) {

@@ -45,6 +45,8 @@ private:
     // Adds the listed entries that pass the filters; false when stopped by an exit request.
     bool _AddFiles(const QVector<sync::config::FileConfiguration>& files, EntryInfoTree& tree,
                    sync::interf::ICheckForExit& checkForExit, int& filteredCount);
+    // Logs a letter-case clash and reports each entry as filtered out.
+    void _ReportClash(const QStringList& paths, bool folders);
     bool _AddFolders(const QVector<sync::config::FolderConfiguration>& folders, EntryInfoTree& tree,
                      sync::interf::ICheckForExit& checkForExit, int& filteredCount);
     bool _FilterFile(const sync::config::FileConfiguration& file);

@@ -265,84 +265,29 @@ SyncResults Synchronizer::Synchronize() {
 
         if (!_ConfiguredFolderExists(root) &&
             statusBefore != FolderSynchronizationStatus::NotSynchronized) {
-            _HandleMissingLocalRoot(root, errorsReported);
+            if (_HandleMissingLocalRoot(root)) errorsReported = true;
             continue;
         }
 
-        int errorCode = 0;
-        bool takeErrorPath = false;
-        SyncResults folderResult;
-        try {
-            if (!_StillValidFolderConfig(root)) continue;
-            SYNC_LOG_INFO("Syncing root folder %1", root.localPath);
-            ++synchronizedRootFolders;
+        const RootOutcome outcome = _SynchronizeRootFolderRecord(root, statusBefore);
+        if (outcome.skipped) continue;
+        ++synchronizedRootFolders;
+        total += outcome.results;
+        if (outcome.exceptionCode != 0) total.errorCodes[outcome.exceptionCode] += 1;
 
-            folderResult = _SynchronizeRootFolder(root);
-            total += folderResult;
-            _AddSyncCompleteToActionLog(root, folderResult,
-                                        statusBefore == FolderSynchronizationStatus::OutOfSync);
-
-            if (_checkForExit->ShouldExit()) {
-                SYNC_LOG_INFO("Sync canceled for root folder %1", root.localPath);
-            } else if (!folderResult.anyErrors()) {
-                const FolderConfiguration current = _folderConfigManager->GetFolderById(root.id);
-                if (current.id < 0 ||
-                    current.getSyncStatus() == FolderSynchronizationStatus::Synchronized) {
-                    SYNC_LOG_INFO("Sync finished successfully for root folder %1", root.localPath);
-                } else {
-                    SYNC_LOG_WARN(
-                        "Sync finished successfully for root folder %1, but root folder sync "
-                        "status (%2) is unexpected. Usually this indicates an internal error.",
-                        root.localPath, current.getSyncStatus());
-                }
-            } else {
-                errorCode = _ErrorCodeOf(folderResult);
-                _LogErrorReport(root, folderResult);
-                takeErrorPath = true;
-            }
-        } catch (const sync::http::HttpException& e) {
-            // An account that was removed while its root folder synchronised is no error.
-            const bool silent = e.code == http::Unauthorized && !_StillValidFolderConfig(root);
-            if (!silent) {
-                SYNC_LOG_ERROR("%1", e.what());
-                ActionLog()->AddHttpErrorEntry(actionlog::RootFolderFailed, e.code, root.localPath,
-                                               root.name, _ServerUrlOf(root));
-                total.errorCodes[e.code] += 1;
-                errorCode = e.code;
-                takeErrorPath = true;
-            }
-        } catch (const SyncServiceException& e) {
-            ActionLog()->AddFolderEntry(actionlog::RootFolderFailed, root.localPath, root.name);
-            SYNC_LOG_ERROR("%1", e.what());
-            takeErrorPath = true;
-        } catch (const std::exception& e) {
-            auto log = ActionLog();
-            log->AddFolderEntryWithDetails(actionlog::RootFolderFailed, root.localPath, root.name,
-                                           log->CreateDetails(actionlog::UnexpectedError));
-            SYNC_LOG_ERROR("Caught unknown, unexpected exception.  Swallowing exception.");
-            SYNC_LOG_DEBUG("%1", e.what());
-            takeErrorPath = true;
-        } catch (...) {
-            auto log = ActionLog();
-            log->AddFolderEntryWithDetails(actionlog::RootFolderFailed, root.localPath, root.name,
-                                           log->CreateDetails(actionlog::UnexpectedError));
-            SYNC_LOG_ERROR("Caught unknown, unexpected exception.  Swallowing exception.");
-            takeErrorPath = true;
-        }
-
-        if (takeErrorPath) {
+        if (outcome.failed) {
             _UpdateRootFolderStatusForOutOfSync(root.id);
-            if (errorCode == http::Unauthorized) emit FolderAuthenticationError(root.id);
-            emit FolderSyncError(root.localPath, root.id, errorCode);
+            if (outcome.errorCode == http::Unauthorized) emit FolderAuthenticationError(root.id);
+            emit FolderSyncError(root.localPath, root.id, outcome.errorCode);
             errorsReported = true;
         }
 
         _CleanupBaseFiles();
         emit FinishedSyncingRootFolder(
-            root.id, folderResult, statusBefore == FolderSynchronizationStatus::NotSynchronized);
+            root.id, outcome.results, statusBefore == FolderSynchronizationStatus::NotSynchronized);
 
         // The server is full: every further upload would fail the same way.
-        if (errorCode == http::InsufficientStorage) break;
+        if (outcome.errorCode == http::InsufficientStorage) break;
     }
 
     if (synchronizedRootFolders == 0) SYNC_LOG_INFO("No folder is enabled for sync");
@@ -357,6 +302,76 @@ SyncResults Synchronizer::Synchronize() {
     emit FinishedSyncingFolders(errorsReported || total.anyErrors());
     if (_hostApplication) _hostApplication->SyncFinished();
     return total;
+}
+
+Synchronizer::RootOutcome Synchronizer::_SynchronizeRootFolderRecord(
+    FolderConfiguration& root, FolderSynchronizationStatus statusBefore) {
+    RootOutcome outcome;
+    try {
+        if (!_StillValidFolderConfig(root)) {
+            outcome.skipped = true;
+            return outcome;
+        }
+        SYNC_LOG_INFO("Syncing root folder %1", root.localPath);
+
+        outcome.results = _SynchronizeRootFolder(root);
+        _AddSyncCompleteToActionLog(root, outcome.results,
+                                    statusBefore == FolderSynchronizationStatus::OutOfSync);
+
+        if (_checkForExit->ShouldExit()) {
+            SYNC_LOG_INFO("Sync canceled for root folder %1", root.localPath);
+        } else if (!outcome.results.anyErrors()) {
+            const FolderConfiguration current = _folderConfigManager->GetFolderById(root.id);
+            if (current.id < 0 ||
+                current.getSyncStatus() == FolderSynchronizationStatus::Synchronized) {
+                SYNC_LOG_INFO("Sync finished successfully for root folder %1", root.localPath);
+            } else {
+                SYNC_LOG_WARN(
+                    "Sync finished successfully for root folder %1, but root folder sync "
+                    "status (%2) is unexpected. Usually this indicates an internal error.",
+                    root.localPath, current.getSyncStatus());
+            }
+        } else {
+            outcome.errorCode = _ErrorCodeOf(outcome.results);
+            _LogErrorReport(root, outcome.results);
+            outcome.failed = true;
+        }
+    } catch (...) {
+        _RecordRootException(root, std::current_exception(), outcome);
+    }
+    return outcome;
+}
+
+// The one place where an exception that ended a root folder becomes what the cycle reports.
+void Synchronizer::_RecordRootException(const FolderConfiguration& root,
+                                        const std::exception_ptr& error, RootOutcome& outcome) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const sync::http::HttpException& e) {
+        // An account that was removed while its root folder synchronised is no error.
+        if (e.code == http::Unauthorized && !_StillValidFolderConfig(root)) return;
+        SYNC_LOG_ERROR("%1", e.what());
+        ActionLog()->AddHttpErrorEntry(actionlog::RootFolderFailed, e.code, root.localPath,
+                                       root.name, _ServerUrlOf(root));
+        outcome.exceptionCode = e.code;
+        outcome.errorCode = e.code;
+    } catch (const SyncServiceException& e) {
+        ActionLog()->AddFolderEntry(actionlog::RootFolderFailed, root.localPath, root.name);
+        SYNC_LOG_ERROR("%1", e.what());
+    } catch (...) {
+        auto log = ActionLog();
+        log->AddFolderEntryWithDetails(actionlog::RootFolderFailed, root.localPath, root.name,
+                                       log->CreateDetails(actionlog::UnexpectedError));
+        SYNC_LOG_ERROR("Caught unknown, unexpected exception.  Swallowing exception.");
+        // A database or disk failure says what went wrong; the user needs that line.
+        try {
+            throw;
+        } catch (const std::exception& e) {
+            SYNC_LOG_ERROR("%1", e.what());
+        } catch (...) {
+        }
+    }
+    outcome.failed = true;
 }
 
 void Synchronizer::_RepairRootFolderRecord(FolderConfiguration& root) {
@@ -378,8 +393,10 @@ void Synchronizer::_RepairRootFolderRecord(FolderConfiguration& root) {
     }
 }
 
-void Synchronizer::_HandleMissingLocalRoot(FolderConfiguration& root, bool& errorsReported) {
+bool Synchronizer::_HandleMissingLocalRoot(FolderConfiguration& root) {
     if (_RemoveFolderConfigWhenRootFolderMissing(root)) {
+        // Removal and re-adding belong together: a crash between them would lose the root.
+        sync::database::TransactionalScope scope;
         _RemoveRootFolderConfig(root);
         if (root.hasSyncOption(sync::config::KeepRootFolderOnRemoval)) {
             // Added back as a fresh root, parked until the user sets it up again.
@@ -393,13 +410,14 @@ void Synchronizer::_HandleMissingLocalRoot(FolderConfiguration& root, bool& erro
                 SYNC_LOG_ERROR("Error adding local folder into config db.  Path is: %1",
                                root.localPath);
         }
-        return;
+        scope.commit();
+        return false;
     }
     // Any other location may only be unreachable for now (a network drive): keep the record.
     _AddNetworkDriveConnectFailedToActionLog(root);
     root.setSyncStatus(FolderSynchronizationStatus::OutOfSync);
     _folderConfigManager->UpdateFolder(root);
-    errorsReported = true;
+    return true;
 }
 
 int Synchronizer::_ErrorCodeOf(const SyncResults& results) {
@@ -425,7 +443,11 @@ void Synchronizer::_LogErrorReport(const FolderConfiguration& root, const SyncRe
 QString Synchronizer::_ServerUrlOf(const FolderConfiguration& root) {
     const sync::config::ServerConfiguration server =
         _serverConfigManager->GetServerConfiguration(root.authenticationId);
-    return server.baseUrl + QLatin1Char('/') + root.serverPath;
+    QString base = server.baseUrl;
+    while (base.endsWith(QLatin1Char('/'))) base.chop(1);
+    QString path = root.serverPath;
+    while (path.startsWith(QLatin1Char('/'))) path.remove(0, 1);
+    return base + QLatin1Char('/') + path;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -464,7 +486,7 @@ SyncResults Synchronizer::_SynchronizeRootFolder(FolderConfiguration& root) {
 
     // What was planned and did not fail is what got done.
     for (const TaskCategory& row : kFinalOrder) {
-        const std::shared_ptr<TaskList>& tasks = tasksByType[row.type];
+        const std::shared_ptr<TaskList> tasks = tasksByType.value(row.type);
         const QList<QString>& failed = r.errorPaths(row.category);
         r.donePaths(row.category) = IsFolderType(row.type)
                                         ? _GetFolderConfigurationList(tasks, &failed)
@@ -495,19 +517,24 @@ SyncResults Synchronizer::_CreateRootFolder(FolderConfiguration& root) {
             FolderConfiguration info;
             serverExists = remote->GetFolderInfo(root, info);
             if (!serverExists && localExists) {
+                // Recorded before anything is created: should the creation or this process
+                // fail afterwards, the records already say "never synchronised" and the next
+                // cycle uploads the local content instead of deleting it.
+                _MarkRootContentNotSynchronized(root);
                 SYNC_LOG_INFO("Server root folder doesn't exist: %0. Creating it.",
                               root.serverPath);
                 const SyncResults created = remote->CreateFolder(root, QString(), true);
                 if (!created.anyErrors()) {
                     sync::database::TransactionalScope scope;
                     _folderConfigManager->UpdateFolder(root);
-                    if (status == FolderSynchronizationStatus::OutOfSync)
-                        _MarkRootContentNotSynchronized(root);
                     ++r.FolderServerCreations;
                     r.FolderServerCreationPaths.append(root.serverPath);
                 } else {
                     ++r.FolderServerCreationErrors;
                     r.FolderServerCreationErrorPaths.append(root.serverPath);
+                    for (auto it = created.errorCodes.cbegin(); it != created.errorCodes.cend();
+                         ++it)
+                        r.errorCodes[it.key()] += it.value();
                 }
             } else if (serverExists && root.getServerFolderId().isEmpty()) {
                 root.setServerFolderId(info.getServerFolderId());
@@ -516,13 +543,12 @@ SyncResults Synchronizer::_CreateRootFolder(FolderConfiguration& root) {
                 _folderConfigManager->UpdateFolder(root);
             }
         }
-    } catch (const sync::http::HttpException& e) {
-        ++r.FolderServerCreationErrors;
-        r.FolderServerCreationErrorPaths.append(root.serverPath);
-        SYNC_LOG_ERROR("Failed to create server root folder %0. %1", root.serverPath, e.what());
     } catch (const std::exception& e) {
         ++r.FolderServerCreationErrors;
         r.FolderServerCreationErrorPaths.append(root.serverPath);
+        // The status decides what the cycle does next: 401 asks for credentials, 507 stops.
+        if (const auto* http = dynamic_cast<const sync::http::HttpException*>(&e))
+            r.errorCodes[http->code] += 1;
         SYNC_LOG_ERROR("Failed to create server root folder %0. %1", root.serverPath, e.what());
     }
 
@@ -548,24 +574,34 @@ SyncResults Synchronizer::_CreateRootFolder(FolderConfiguration& root) {
     return r;
 }
 
-// A root that was synchronised before and lost its server folder would otherwise compare an
-// empty new server folder against a full database: every entry would look deleted on the
-// server and the whole local folder would be deleted. Records that were never synchronised
-// count as absent, so the local content is uploaded again instead.
+// A root that lost its server folder would otherwise compare an empty new server folder
+// against a full database: every entry would look deleted on the server and the whole local
+// folder would be deleted. Records that were never synchronised count as absent, so the local
+// content is uploaded again instead. Whatever the root's own status, its children may have
+// been synchronised. Throws when the records could not all be written and committed.
 void Synchronizer::_MarkRootContentNotSynchronized(const FolderConfiguration& root) {
     SYNC_LOG_WARN(
         "Server root folder %1 of %2 has vanished. Marking its content as not synchronized so "
         "that it is uploaded again.",
         root.serverPath, root.localPath);
+    sync::database::TransactionalScope scope;
+    bool written = true;
     for (FolderConfiguration folder : _folderConfigManager->GetFoldersByRootId(root.id)) {
         if (folder.id == root.id) continue;
         folder.setSyncStatus(FolderSynchronizationStatus::NotSynchronized);
-        _folderConfigManager->UpdateFolder(folder);
+        written = _folderConfigManager->UpdateFolder(folder) && written;
     }
     for (FileConfiguration file : _fileConfigManager->GetFilesByRootId(root.id, false)) {
         file.syncStatus = FileSynchronizationStatus::NotSynchronized;
-        _fileConfigManager->UpdateFile(file);
+        written = _fileConfigManager->UpdateFile(file) && written;
     }
+    if (!written) {
+        // Ends the scope without keeping any of it.
+        throw SyncServiceException(
+            QStringLiteral("Could not mark the content of root folder %1 as not synchronized")
+                .arg(root.localPath));
+    }
+    scope.commit();
 }
 
 bool Synchronizer::_IsServerPathServerRoot(const FolderConfiguration& root) const {
@@ -718,7 +754,9 @@ void Synchronizer::_RemoveRootFolderConfig(const FolderConfiguration& root) {
     sync::database::TransactionalScope scope;
     if (!_folderConfigManager->RemoveRootFolder(root.id))
         SYNC_LOG_INFO("Unable to delete local folder: %1 from local database.", root.localPath);
-    if (!_folderConfigManager->IsAuthenticationInUse(root.authenticationId))
+    // A root that is added back keeps its account, or it could never sign in again.
+    if (!root.hasSyncOption(sync::config::KeepRootFolderOnRemoval) &&
+        !_folderConfigManager->IsAuthenticationInUse(root.authenticationId))
         _authenticationConfigManager->RemoveAuthentication(root.authenticationId);
     scope.commit();
 }

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 #include <QWeakPointer>
+#include <exception>
 #include <memory>
 
 #include "FolderConfiguration.h"
@@ -96,9 +97,24 @@ private:
         const sync::config::FolderConfiguration& root);
     bool _StillValidFolderConfig(const sync::config::FolderConfiguration& root);
 
+    // What one root folder of the cycle loop came to.
+    struct RootOutcome {
+        bool skipped = false;  // the record was gone before anything was done
+        sync::core::SyncResults results;
+        int errorCode = 0;      // reported with FolderSyncError
+        int exceptionCode = 0;  // an HTTP status that ended the root, counted in the total
+        bool failed = false;    // the root ends with errors: status, signals
+    };
+
     // Steps of the cycle loop.
     void _RepairRootFolderRecord(sync::config::FolderConfiguration& root);
-    void _HandleMissingLocalRoot(sync::config::FolderConfiguration& root, bool& errorsReported);
+    // Returns true when the missing root is reported as an error.
+    bool _HandleMissingLocalRoot(sync::config::FolderConfiguration& root);
+    RootOutcome _SynchronizeRootFolderRecord(
+        sync::config::FolderConfiguration& root,
+        sync::config::FolderSynchronizationStatus statusBefore);
+    void _RecordRootException(const sync::config::FolderConfiguration& root,
+                              const std::exception_ptr& error, RootOutcome& outcome);
     static int _ErrorCodeOf(const sync::core::SyncResults& results);
     static void _LogErrorReport(const sync::config::FolderConfiguration& root,
                                 const sync::core::SyncResults& results);

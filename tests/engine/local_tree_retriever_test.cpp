@@ -29,12 +29,14 @@ void WriteFile(const QString& path) {
     f.write("hello");
 }
 
-// Sorted keys of a tree map, joined by spaces, "/docs/" left out.
-template <typename Map>
-QString Keys(const Map& map) {
-    QStringList keys = map.keys();
+// Sorted keys, joined by spaces, "/docs/" left out.
+QString Keys(QStringList keys) {
     keys.sort();
     return keys.join(' ').remove("/docs/");
+}
+template <typename Map>
+QString Keys(const Map& map) {
+    return Keys(map.keys());
 }
 
 // Lists the paths it is given as files, with no need for them to exist.
@@ -138,6 +140,39 @@ TEST_F(LocalTreeRetrieverTest, WalksWhatTheScopeAndOptionsSelect) {
         EXPECT_TRUE(
             log.Contains(log4cplus::DEBUG_LOG_LEVEL, "Filtered out local folder " + At("Private")));
     }
+}
+
+// What the walk leaves out by a rule is named, so that planning can leave it alone; names that
+// differ only in letter case share a key and are both left out, and the user is told why.
+TEST_F(LocalTreeRetrieverTest, LeftOutEntriesAreNamedAndLetterCaseClashesReported) {
+    for (const char* below : {"ok.txt", "Sub/Notes.txt", "Sub/notes.txt", "Pics/a.jpg",
+                              "pics/b.jpg", "Private/p.txt", "skip.tmp", ".hidden.txt"})
+        WriteFile(At(below));
+    filter->excluded = QStringList{"/skip.tmp", "/Private"};
+    LogCapture log;
+
+    auto tree = retriever.GetEntryInfoTree(root);
+
+    EXPECT_EQ("ok.txt pics/a.jpg pics/b.jpg private/p.txt", Keys(tree->fileMap));
+    EXPECT_EQ("/docs sub", Keys(tree->folderMap));
+    EXPECT_EQ("skip.tmp sub/notes.txt", Keys(QStringList(tree->excludedFileKeys.values())));
+    EXPECT_EQ("pics private", Keys(QStringList(tree->excludedFolderKeys.values())));
+    EXPECT_TRUE(tree->hiddenEntriesExcluded);
+    fileSignals.sort();
+    folderSignals.sort();
+    EXPECT_EQ(QStringList({At("Sub/Notes.txt"), At("Sub/notes.txt"), At("skip.tmp")}),
+              fileSignals);
+    EXPECT_EQ(QStringList({At("Pics"), At("pics")}), folderSignals);
+    const QStringList warnings = log.Messages(log4cplus::WARN_LOG_LEVEL);
+    ASSERT_EQ(2, warnings.size());
+    for (const QString& w : warnings) {
+        EXPECT_TRUE(w.contains("their names differ only in letter case")) << w.toStdString();
+        EXPECT_TRUE((w.contains(At("Sub/Notes.txt")) && w.contains(At("Sub/notes.txt"))) ||
+                    (w.contains(At("Pics")) && w.contains(At("pics"))))
+            << w.toStdString();
+    }
+    EXPECT_EQ(QStringList{"Filtered out 3 local file(s) and 3 folder(s)"},
+              log.Messages(log4cplus::INFO_LOG_LEVEL));
 }
 
 // Server paths get exactly one "/" at the seam, whatever either side ends or starts with.

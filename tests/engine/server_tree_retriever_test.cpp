@@ -131,8 +131,9 @@ TEST_F(ServerTreeRetrieverTest, AnswersDecideTreeFlagAndException) {
         {"RootOnlyMissingNeverSynced", 1, 404, true, "", true, false, true},
         {"RootOnlyMissing", 1, 404, false, "The root folder: /Docs doesn't exist in server.", false,
          false, true},
-        // No exception; only a "not modified" answer clears the flag.
-        {"RootOnlyServerError", 1, 500, false, "", true, false, true},
+        // A tree without the root's files would make them all look deleted on the server.
+        {"RootOnlyServerError", 1, 500, false,
+         "Failed to get server folder tree for root folder /Docs", false, false, true},
         // Nothing is asked and the flag keeps the last retrieval's outcome.
         {"OtherScope", 2, 0, false, "", false, false, false},
     };
@@ -199,16 +200,48 @@ TEST_F(ServerTreeRetrieverTest, FiltersAndLengthLimits) {
         const QString summary = "Filtered out 3 server file(s) and %1 folder(s)";
         EXPECT_EQ(QStringList{summary.arg(scope == 0 ? 2 : 0)},
                   log.Messages(log4cplus::INFO_LOG_LEVEL));
+        // What was left out stays out of planning, for this side and the other.
+        EXPECT_EQ(Sorted({files[1].serverPath.toLower(), files[3].serverPath.toLower(),
+                          files[4].serverPath.toLower()}),
+                  Sorted(tree->excludedFileKeys.values()));
         if (scope == 1) {
             EXPECT_EQ(QStringList{"/docs"}, tree->folderMap.keys());
             continue;
         }
+        EXPECT_EQ(Sorted({"/docs/private", folders[3].serverPath.toLower()}),
+                  Sorted(tree->excludedFolderKeys.values()));
         EXPECT_EQ(QStringList({"/docs", folders[2].serverPath.toLower(), "/docs/sub"}),
                   Sorted(tree->folderMap.keys()));
         EXPECT_EQ(QStringList({"/Docs/Private", folders[3].serverPath}), folderSignals);
         EXPECT_TRUE(
             log.Contains(log4cplus::DEBUG_LOG_LEVEL, "Filtered out server folder /Docs/Private"));
     }
+}
+
+// Names that differ only in letter case share a key: neither is kept, both are reported.
+TEST_F(ServerTreeRetrieverTest, LetterCaseClashesAreLeftOutAndReported) {
+    server->files = {ServerFile("Report.txt"), ServerFile("report.txt"), ServerFile("REPORT.txt"),
+                     ServerFile("a.txt"), ServerFile("a.txt")};
+    server->folders = {ServerEntry<FolderConfiguration>("Pics"),
+                       ServerEntry<FolderConfiguration>("pics")};
+    LogCapture log;
+
+    auto tree = retriever.GetEntryInfoTree(root);
+
+    EXPECT_EQ(QStringList{"/docs/a.txt"}, tree->fileMap.keys());
+    EXPECT_EQ(QStringList{"/docs"}, tree->folderMap.keys());
+    EXPECT_EQ(QStringList{"/docs/report.txt"}, tree->excludedFileKeys.values());
+    EXPECT_EQ(QStringList{"/docs/pics"}, tree->excludedFolderKeys.values());
+    EXPECT_EQ(QStringList({"/Docs/Report.txt", "/Docs/report.txt", "/Docs/REPORT.txt"}),
+              fileSignals);
+    EXPECT_EQ(QStringList({"/Docs/Pics", "/Docs/pics"}), folderSignals);
+    EXPECT_EQ(QStringList({"Leaving out server entries /Docs/Report.txt and /Docs/report.txt: "
+                           "their names differ only in letter case, and one would overwrite the "
+                           "other. Rename one of them to synchronise both.",
+                           "Leaving out server entries /Docs/Pics and /Docs/pics: their names "
+                           "differ only in letter case, and one would overwrite the other. "
+                           "Rename one of them to synchronise both."}),
+              log.Messages(log4cplus::WARN_LOG_LEVEL));
 }
 
 TEST_F(ServerTreeRetrieverTest, ExitRequestLeavesTheTreeIncompleteAndWithoutRoot) {

@@ -110,7 +110,7 @@ protected:
         ON_CALL(*host, PreProcessFiles).WillByDefault(Return(true));
         ON_CALL(*host, GetRootFolderText).WillByDefault(Return(QString("root text")));
         sync::config::ServerConfiguration server;
-        server.baseUrl = "https://files.example";
+        server.baseUrl = "https://files.example/";  // joined with exactly one "/"
         ON_CALL(*serverConfig, GetServerConfiguration).WillByDefault(Return(server));
     }
 
@@ -265,8 +265,10 @@ TEST_F(SynchronizerTest, MissingLocalRootIsRemovedOrMarkedByLocationKind) {
         const QString path = root.localPath;
         if (row.otherRootOfAccount) AddRoot(2, "kept");
         const bool removed = row.kind % 2 == 1;
-        // The account goes with its last root, even when the root is added back parked.
-        EXPECT_CALL(*auth, RemoveAuthentication(1)).Times(removed && !row.otherRootOfAccount);
+        // The account goes with its last root, unless the root is added back parked: it
+        // still needs its credentials then.
+        EXPECT_CALL(*auth, RemoveAuthentication(1))
+            .Times(removed && !row.otherRootOfAccount && !row.keepOnRemoval);
         LogCapture log;
         Run();
         VerifyMocks();
@@ -293,11 +295,20 @@ TEST_F(SynchronizerTest, NeverSynchronizedRootGetsItsMissingSideCreated) {
     const QString both = AddRoot(3, "both", Status::NotSynchronized, false).localPath;
     AddRoot(4, "top", Status::OutOfSync).serverPath = "/REMOTE/";  // the server's own root
     const QString broken = AddRoot(5, "broken", Status::NotSynchronized).localPath;
+    const QString full = AddRoot(6, "full", Status::NotSynchronized).localPath;
+    AddRoot(7, "after", Status::NotSynchronized);  // a full server ends the cycle before it
     ON_CALL(*remote, GetFolderInfo).WillByDefault([](auto& f, auto&) -> bool {
         if (f.id == 5) throw sync::http::HttpException(401, "denied");
         return f.id == 1;
     });
-    EXPECT_CALL(*remote, GetFolderInfo).Times(4);
+    EXPECT_CALL(*remote, GetFolderInfo).Times(5);
+    EXPECT_CALL(*remote, CreateFolder(Field(&FolderConfiguration::id, 6), QString(), true))
+        .WillOnce([](FolderConfiguration&, auto&, bool) {
+            SyncResults r;
+            r.FolderServerCreationErrors = 1;
+            r.errorCodes[507] = 1;
+            return r;
+        });
     EXPECT_CALL(*remote, GetFolderInfo(Field(&FolderConfiguration::id, 4), _)).Times(0);
     EXPECT_CALL(*remote, CreateFolder(Field(&FolderConfiguration::id, 2), QString(), true))
         .WillOnce([](FolderConfiguration& f, auto&, bool) {
@@ -318,14 +329,17 @@ TEST_F(SynchronizerTest, NeverSynchronizedRootGetsItsMissingSideCreated) {
     EXPECT_EQ(folders[2].getServerFolderId(), QString("new-id"));
     EXPECT_EQ(total.FolderLocalCreations, 1);
     EXPECT_EQ(total.FolderServerCreations, 1);
-    // A root whose creation failed is reported and not planned; the failure is counted, but
-    // only the cycle's own exception handling records error codes.
-    EXPECT_EQ(total.FolderServerCreationErrorPaths, QStringList{"/remote/broken"});
+    // A root whose creation failed is reported with the server's status and not planned: 401
+    // asks for credentials, 507 ends the cycle.
+    EXPECT_EQ(total.FolderServerCreationErrorPaths,
+              (QStringList{"/remote/broken", "/remote/full"}));
+    EXPECT_EQ(total.errorCodes, (QMap<int, int>{{401, 1}, {507, 1}}));
     EXPECT_EQ(recorder->Matching("Begin "),
               (QStringList{"Begin 1 1", "Begin 2 1", "Begin 3 1", "Begin 4 0"}));
     EXPECT_EQ(recorder->Matching("F"),
               (QStringList{"Finished 1 1", "Finished 2 1", "Finished 3 1", "Finished 4 0",
-                           "FolderSyncError " + broken + " 5 0", "Finished 5 1",
+                           "FolderAuthenticationError 5", "FolderSyncError " + broken + " 5 401",
+                           "Finished 5 1", "FolderSyncError " + full + " 6 507", "Finished 6 1",
                            "FinishedSyncingFolders 1"}));
 }
 
@@ -341,11 +355,21 @@ TEST_F(SynchronizerTest, PlannedResultsAreAnnouncedAndFinalDoneListsExcludeFailu
                        Added, nullptr, nullptr, nullptr, nullptr, nullptr);
         depot->AddSyncTask(t);
     }
+    for (const char* p : {"/a/d1", "/a/d2"}) {
+        FolderConfiguration f;
+        f.localPath = f.serverPath = p;
+        using namespace sync::syncService;
+        FolderSyncTask t(LocalFolderCreation, f, NoChange, Added, nullptr, nullptr, nullptr,
+                         nullptr, nullptr);
+        depot->AddSyncTask(t);
+    }
     ON_CALL(*runner, Process).WillByDefault(Return(depot));
     ON_CALL(*host, PreProcessFiles).WillByDefault([](auto& root, auto) { return root.id == 1; });
     engineResults[1].FileLocalCreations = 2;
     engineResults[1].FileLocalCreationErrors = 1;
     engineResults[1].FileLocalCreationErrorPaths << "/A/TWO";  // compared without regard to case
+    engineResults[1].FolderLocalCreationErrors = 1;
+    engineResults[1].FolderLocalCreationErrorPaths << "/a/d2";
     EXPECT_CALL(*host, PostProcessFiles(Field(&FolderConfiguration::id, 1), depot, _));
     LogCapture log;
     Run();
@@ -356,6 +380,7 @@ TEST_F(SynchronizerTest, PlannedResultsAreAnnouncedAndFinalDoneListsExcludeFailu
         EXPECT_EQ(planned.FileLocalCreations, 3);  // the conflict marking is not counted
         EXPECT_THAT(planned.FileLocalCreationPaths,
                     UnorderedElementsAre("/a/one", "/a/two", "/a/three"));
+        EXPECT_THAT(planned.FolderLocalCreationPaths, UnorderedElementsAre("/a/d1", "/a/d2"));
         EXPECT_FALSE(planned.anyErrors());
     }
     ASSERT_EQ(recorder->finished.size(), 2);
@@ -363,26 +388,36 @@ TEST_F(SynchronizerTest, PlannedResultsAreAnnouncedAndFinalDoneListsExcludeFailu
     EXPECT_EQ(final.FileLocalCreationErrors, 1);
     EXPECT_EQ(final.FileLocalCreationErrorPaths, QStringList{"/A/TWO"});
     EXPECT_THAT(final.FileLocalCreationPaths, UnorderedElementsAre("/a/one", "/a/three"));
+    EXPECT_EQ(final.FolderLocalCreationPaths, QStringList{"/a/d1"});
     EXPECT_FALSE(recorder->finished[1].anyWorkDone());
 }
 
-// A root folder that was synchronised before lost its server folder: its content must be
-// uploaded again, not deleted locally as if the server had deleted it. A root that was never
-// synchronised keeps its records as they are.
-TEST_F(SynchronizerTest, VanishedServerRootMarksContentNotSynchronizedBeforePlanning) {
+// A root folder lost its server folder: its content must be uploaded again, not deleted locally
+// as if the server had deleted it. Whatever the root's status, its records are marked and that
+// is committed before the server folder is created, so that neither a failed creation nor a
+// crash after it can leave records that claim a server copy; if the marking fails, nothing is
+// created and the root fails for this cycle.
+TEST_F(SynchronizerTest, VanishedServerRootIsMarkedAndCommittedBeforeItIsCreated) {
     struct Backend : sync::database::ITransactionBackend {
-        int begins = 0;
-        void Begin(int depth) override { begins += depth == 0; }
-        void Commit(int) override {}
-        void Rollback(int) noexcept override {}
+        int commits = 0, rollbacks = 0;
+        void Begin(int) override {}
+        void Commit(int depth) override { commits += depth == 0; }
+        void Rollback(int depth) noexcept override { rollbacks += depth == 0; }
     };
-    for (Status before : {Status::OutOfSync, Status::NotSynchronized}) {
-        const bool vanished = before == Status::OutOfSync;
-        SCOPED_TRACE(vanished ? "out of sync" : "never synchronized");
+    struct Row {
+        const char* name;
+        Status before;
+        bool markingFails;
+    };
+    const Row rows[] = {{"out of sync", Status::OutOfSync, false},
+                        {"never synchronized", Status::NotSynchronized, false},
+                        {"marking fails", Status::OutOfSync, true}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
         Reset();
         auto backend = std::make_shared<Backend>();
         TransactionalScope::SetBackend(backend);
-        const QString path = AddRoot(1, "a", before).localPath;
+        const QString path = AddRoot(1, "a", row.before).localPath;
         FolderConfiguration sub = folders[1];  // a folder below the root
         sub.id = 2;
         sub.setSyncStatus(Status::Synchronized);
@@ -392,28 +427,28 @@ TEST_F(SynchronizerTest, VanishedServerRootMarksContentNotSynchronizedBeforePlan
         file.rootId = 1;
         file.syncStatus = FileStatus::Synchronized;
         files.Put(file);
+        if (row.markingFails) ON_CALL(*fileDb, UpdateFile).WillByDefault(Return(false));
         ON_CALL(*remote, GetFolderInfo).WillByDefault(Return(false));
-        EXPECT_CALL(*remote, CreateFolder).WillOnce(Return(SyncResults()));
-        // The root record and its content are written in the cycle's only transaction.
-        const auto inTransaction =
-            ::testing::ResultOf([](auto&) { return TransactionalScope::Depth(); }, 1);
-        EXPECT_CALL(*folderDb, UpdateFolder(inTransaction)).Times(vanished ? 2 : 1);
-        EXPECT_CALL(*fileDb, UpdateFile(inTransaction)).Times(vanished ? 1 : 0);
-        EXPECT_CALL(*runner, Process).WillOnce([&](FolderConfiguration&) {
-            EXPECT_EQ(folders[1].getSyncStatus(), before);
-            EXPECT_EQ(folders[2].getSyncStatus(),
-                      vanished ? Status::NotSynchronized : Status::Synchronized);
-            EXPECT_EQ(files[10].syncStatus,
-                      vanished ? FileStatus::NotSynchronized : FileStatus::Synchronized);
-            return std::make_shared<SyncTaskDepot>();
+        EXPECT_CALL(*remote, CreateFolder).Times(row.markingFails ? 0 : 1);
+        ON_CALL(*remote, CreateFolder).WillByDefault([&](auto&, auto&, bool) {
+            EXPECT_EQ(TransactionalScope::Depth(), 0);
+            EXPECT_EQ(backend->commits, 1);
+            EXPECT_EQ(folders[2].getSyncStatus(), Status::NotSynchronized);
+            EXPECT_EQ(files[10].syncStatus, FileStatus::NotSynchronized);
+            return SyncResults();
         });
+        EXPECT_CALL(*runner, Process).Times(row.markingFails ? 0 : 1);
         LogCapture log;
-        Run();
+        const SyncResults total = Run();
         EXPECT_EQ(log.Count(WARN, "Server root folder /remote/a of " + path +
                                       " has vanished. Marking its content as not synchronized "
                                       "so that it is uploaded again."),
-                  vanished ? 1 : 0);
-        EXPECT_EQ(backend->begins, 1);
+                  1);
+        EXPECT_EQ(backend->rollbacks, int(row.markingFails));
+        EXPECT_EQ(total.FolderServerCreationErrors, int(row.markingFails));
+        EXPECT_EQ(recorder->Matching("FolderSyncError").size(), int(row.markingFails));
+        EXPECT_EQ(folders[1].getSyncStatus(),
+                  row.markingFails ? Status::OutOfSync : Status::Synchronized);
         VerifyMocks();
     }
 }
@@ -441,9 +476,10 @@ TEST_F(SynchronizerTest, FailedRootFolderIsReportedAndTheLoopGoesOn) {
         {"several keys", Result, {{500, 1}, {401, 2}}, -1, errors, report},
         {"no key", Result, {}, 0, errors, report},
         {"insufficient storage", Result, {{507, 1}}, 507, errors, report},
-        {"http", Http, {}, 503, " http 503 https://files.example//remote/a", {"unavailable"}},
+        {"http", Http, {}, 503, " http 503 https://files.example/remote/a", {"unavailable"}},
         {"service", Service, {}, 0, "", {"broken invariant"}},
-        {"std", Std, {}, 0, " 0:", {unknown}},
+        // The reason follows, so that a database or disk failure is not a mystery.
+        {"std", Std, {}, 0, " 0:", {unknown, "boom"}},
         {"401 for a removed root", UnauthorizedAfterRemoval, {}, 0, QString(), {}}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
@@ -498,6 +534,7 @@ TEST_F(SynchronizerTest, CompletionEntriesFollowTheRootFolderOutcome) {
         {"folders only", Status::Synchronized, 0, 0, 1, 0, "2 a"},
         {"was out of sync", Status::OutOfSync, 0, 0, 0, 0, "2 a"},
         {"quiet", Status::Synchronized, 0, 0, 0, 0, ""},
+        {"local deletions only", Status::Synchronized, 0, 3, 0, 0, "2 a 16:0,0,0,3"},
         {"failed download", Status::Synchronized, 1, 0, 0, 1, "3 a 12:1,0,0,0,0,1,0,0,0,0,0,0"},
     };
     for (const Row& row : rows) {
