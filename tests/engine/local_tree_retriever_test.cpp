@@ -160,8 +160,7 @@ TEST_F(LocalTreeRetrieverTest, LeftOutEntriesAreNamedAndLetterCaseClashesReporte
     EXPECT_TRUE(tree->hiddenEntriesExcluded);
     fileSignals.sort();
     folderSignals.sort();
-    EXPECT_EQ(QStringList({At("Sub/Notes.txt"), At("Sub/notes.txt"), At("skip.tmp")}),
-              fileSignals);
+    EXPECT_EQ(QStringList({At("Sub/Notes.txt"), At("Sub/notes.txt"), At("skip.tmp")}), fileSignals);
     EXPECT_EQ(QStringList({At("Pics"), At("pics")}), folderSignals);
     const QStringList warnings = log.Messages(log4cplus::WARN_LOG_LEVEL);
     ASSERT_EQ(2, warnings.size());
