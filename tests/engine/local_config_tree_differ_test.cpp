@@ -53,6 +53,8 @@ TEST_F(LocalDifferTest, ContentRules) {
         {"OnlyMillisecondsDiffer", 100, 999, nullptr, false},
         {"TouchedWithoutContentChange", 100, 5000, "abc", false},
         {"RewrittenWithSameSize", 100, 5000, "def", true},
+        // An older copy put in place: an earlier time is a change as much as a later one.
+        {"ReplacedByOlderCopyOfSameSize", 100, -86400000, "def", true},
         {"HashDiffersOnlyInCase", 100, 5000, "ABC", true},
         {"HashCannotBeComputed", 100, 5000, "", false},
     };

@@ -55,23 +55,6 @@ FileConfiguration FullyPopulatedFile() {
 
 }  // namespace
 
-TEST(RecordsTest, DefaultsAreThoseTheDiffersRelyOn) {
-    const FileConfiguration file;
-    EXPECT_EQ(file.id, -1);
-    EXPECT_EQ(file.size, 0);
-    EXPECT_EQ(file.privileges, 31);
-    EXPECT_EQ(file.syncStatus, FileSynchronizationStatus::OutOfSync);
-    EXPECT_EQ(file.referencesOnly, 0);
-    EXPECT_TRUE(file.serverFileId.isEmpty());
-
-    const FolderConfiguration folder;
-    EXPECT_EQ(folder.id, -1);
-    EXPECT_EQ(folder.syncScope, 1);
-    EXPECT_EQ(folder.syncOption, 0);
-    EXPECT_EQ(folder.privileges, 31);
-    EXPECT_EQ(folder.getSyncStatus(), FolderSynchronizationStatus::Synchronizing);
-}
-
 TEST(RecordsTest, CopiesCarryEveryFieldIncludingPropertiesAndLinks) {
     const FileConfiguration original = FullyPopulatedFile();
     FileConfiguration copy(original);

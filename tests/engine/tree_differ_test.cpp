@@ -143,4 +143,29 @@ TEST(UnsynchronisedFileTest, NewOnBothSidesWithoutDownloadBitIsNotDeletedOnServe
               Describe(LocalConfigTreeDiffer().Diff(config, local, false)));
 }
 
+// The passes over new entries are skipped when every entry of the other tree was matched; a
+// cycle where more entries vanished than appeared must still find the new ones.
+TEST(TreeDifferWalkTest, NewEntriesAreFoundWhereMoreVanished) {
+    EntryInfoTree config, other;
+    for (const char* gone : {"/r/a", "/r/b", "/r/c"}) {
+        auto file = Make<FileConfiguration>(gone, "config");
+        file.serverFileId = "id";
+        file.syncStatus = FileSynchronizationStatus::Synchronized;
+        config.fileMap.insert(gone, file);
+        auto folder = Make<FolderConfiguration>(QString(gone) + "dir", "config");
+        folder.setSyncStatus(FolderSynchronizationStatus::Synchronized);
+        config.folderMap.insert(QString(gone) + "dir", folder);
+    }
+    other.fileMap.insert("/r/new", Make<FileConfiguration>("/r/new", "other"));
+    other.folderMap.insert("/r/newdir", Make<FolderConfiguration>("/r/newdir", "other"));
+
+    QStringList lines = Describe(ScriptedDiffer(true).Diff(config, other, false));
+    lines.sort();
+    EXPECT_EQ(lines,
+              (QStringList{"file /r/a Deleted config", "file /r/b Deleted config",
+                           "file /r/c Deleted config", "file /r/new Added other",
+                           "folder /r/adir Deleted config", "folder /r/bdir Deleted config",
+                           "folder /r/cdir Deleted config", "folder /r/newdir Added other"}));
+}
+
 }  // namespace
