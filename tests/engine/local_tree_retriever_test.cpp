@@ -64,6 +64,26 @@ private:
     QString _current;
 };
 
+// Lists entries whose names are not valid UTF-8, as the walker reports them: a lossy path, the
+// escaped bytes and the kind.
+class UndecodableNameWalker : public FileListWalker {
+public:
+    UndecodableNameWalker(QStringList paths, QStringList escaped, QList<bool> dirs)
+        : FileListWalker(paths), _escaped(std::move(escaped)), _dirs(std::move(dirs)) {}
+    QString Next() override {
+        ++_index;
+        return FileListWalker::Next();
+    }
+    QString UndecodableName() override { return _escaped.value(_index); }
+    bool IsFile() override { return !_dirs.value(_index); }
+    bool IsDir() override { return _dirs.value(_index); }
+
+private:
+    QStringList _escaped;
+    QList<bool> _dirs;
+    int _index = -1;
+};
+
 class LocalTreeRetrieverTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -171,6 +191,29 @@ TEST_F(LocalTreeRetrieverTest, LeftOutEntriesAreNamedAndLetterCaseClashesReporte
             << w.toStdString();
     }
     EXPECT_EQ(QStringList{"Filtered out 3 local file(s) and 3 folder(s)"},
+              log.Messages(log4cplus::INFO_LOG_LEVEL));
+}
+
+// A name that is not valid UTF-8 cannot be written back or sent: left out, counted and named.
+TEST_F(LocalTreeRetrieverTest, NamesThatAreNotUtf8AreLeftOutWithAWarning) {
+    const QString lossyFile = At("Sub/caf\uFFFD.txt"), lossyFolder = At("\uFFFDtude");
+    core->walker = std::make_shared<UndecodableNameWalker>(
+        QStringList{At("ok.txt"), lossyFile, lossyFolder},
+        QStringList{"", "caf\\xE9.txt", "\\xC9tude"}, QList<bool>{false, false, true});
+    LogCapture log;
+
+    auto tree = retriever.GetEntryInfoTree(root);
+
+    EXPECT_EQ("ok.txt", Keys(tree->fileMap));
+    EXPECT_EQ("/docs", Keys(tree->folderMap));
+    EXPECT_EQ(QStringList{lossyFile}, fileSignals);
+    EXPECT_EQ(QStringList{lossyFolder}, folderSignals);
+    EXPECT_EQ(QStringList({"Leaving out caf\\xE9.txt in local folder " + At("Sub") +
+                               ": its name is not valid UTF-8.",
+                           "Leaving out \\xC9tude in local folder " + rootPath +
+                               ": its name is not valid UTF-8."}),
+              log.Messages(log4cplus::WARN_LOG_LEVEL));
+    EXPECT_EQ(QStringList{"Filtered out 1 local file(s) and 1 folder(s)"},
               log.Messages(log4cplus::INFO_LOG_LEVEL));
 }
 
