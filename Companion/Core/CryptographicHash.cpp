@@ -5,22 +5,17 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <QByteArray>
 #include <QFile>
-#include <boost/interprocess/file_mapping.hpp>
-#include <boost/interprocess/mapped_region.hpp>
+#include <algorithm>
 #include <cerrno>
-#include <csetjmp>
-#include <csignal>
 #include <memory>
-#include <mutex>
-#include <vector>
+#include <new>
 
 namespace sync {
 namespace core {
 
 namespace {
-
-constexpr size_t READ_BLOCK_SIZE = 1 << 20;
 
 struct DigestContextDeleter {
     void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
@@ -41,100 +36,56 @@ private:
     int _fd;
 };
 
-// A file that another program truncates while we read it through the mapping raises SIGBUS,
-// which would end the whole service. While a mapped read runs on a thread, a bus error jumps
-// back to it and the file simply has no hash this time; any other bus error goes to whoever
-// handled the signal before us.
-thread_local sigjmp_buf* t_mappedReadJump = nullptr;
-struct sigaction g_previousBusAction;
-
-void OnBusError(int signal, siginfo_t* info, void* context) {
-    if (t_mappedReadJump) siglongjmp(*t_mappedReadJump, 1);
-    if (g_previousBusAction.sa_flags & SA_SIGINFO) {
-        if (g_previousBusAction.sa_sigaction)
-            g_previousBusAction.sa_sigaction(signal, info, context);
-        return;
-    }
-    if (g_previousBusAction.sa_handler == SIG_IGN) return;
-    if (g_previousBusAction.sa_handler == SIG_DFL) {
-        ::signal(signal, SIG_DFL);
-        ::raise(signal);
-        return;
-    }
-    g_previousBusAction.sa_handler(signal);
+bool SameVersion(const struct stat& before, const struct stat& after) {
+    return before.st_size == after.st_size && before.st_mtim.tv_sec == after.st_mtim.tv_sec &&
+           before.st_mtim.tv_nsec == after.st_mtim.tv_nsec;
 }
 
-void InstallBusErrorGuard() {
-    static std::once_flag once;
-    std::call_once(once, [] {
-        struct sigaction action {};
-        action.sa_sigaction = OnBusError;
-        action.sa_flags = SA_SIGINFO | SA_NODEFER;
-        sigemptyset(&action.sa_mask);
-        ::sigaction(SIGBUS, &action, &g_previousBusAction);
-    });
-}
-
-// Only C code runs between the jump point and the read, so jumping back skips no destructor.
-bool DigestRegion(EVP_MD_CTX* ctx, const void* data, size_t size) {
-    sigjmp_buf jump;
-    if (sigsetjmp(jump, 1) != 0) {
-        t_mappedReadJump = nullptr;
-        return false;
-    }
-    t_mappedReadJump = &jump;
-    const bool ok = EVP_DigestUpdate(ctx, data, size) == 1;
-    t_mappedReadJump = nullptr;
-    return ok;
-}
-
-// Maps the whole file; false when it cannot be mapped (the caller then reads it).
-bool DigestMapped(EVP_MD_CTX* ctx, const QByteArray& nativePath, bool& digestFailed) {
-    namespace bip = boost::interprocess;
-    try {
-        bip::file_mapping file(nativePath.constData(), bip::read_only);
-        bip::mapped_region region(file, bip::read_only);
-        region.advise(bip::mapped_region::advice_sequential);
-        InstallBusErrorGuard();
-        digestFailed = !DigestRegion(ctx, region.get_address(), region.get_size());
-        return true;
-    } catch (const bip::interprocess_exception&) {
-        return false;
-    }
-}
-
-bool DigestRead(EVP_MD_CTX* ctx, int fd) {
-    std::vector<unsigned char> buffer(READ_BLOCK_SIZE);
-    for (;;) {
-        const ssize_t n = ::read(fd, buffer.data(), buffer.size());
-        if (n == 0) return true;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        if (EVP_DigestUpdate(ctx, buffer.data(), static_cast<size_t>(n)) != 1) return false;
-    }
-}
-
-QString HashFile(const QString& filePath) {
-    if (filePath.isEmpty()) return QString();
+QString Hash(const QString& filePath, std::size_t blockSize,
+             const std::function<void()>& afterBlock) {
+    if (filePath.isEmpty() || blockSize == 0) return QString();
     const QByteArray nativePath = QFile::encodeName(filePath);
 
     // Non-blocking open, so that a pipe without a writer cannot hang the cycle; reads of a
     // regular file are unaffected.
     FileDescriptor fd(::open(nativePath.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
     if (fd.get() < 0) return QString();
-    struct stat st;
-    if (::fstat(fd.get(), &st) != 0 || S_ISDIR(st.st_mode)) return QString();
+    struct stat before;
+    if (::fstat(fd.get(), &before) != 0 || S_ISDIR(before.st_mode)) return QString();
+    const bool regular = S_ISREG(before.st_mode);
+    if (regular) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
 
     DigestContext ctx(EVP_MD_CTX_new());
     if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return QString();
 
-    bool failed = false;
-    const bool mapped =
-        S_ISREG(st.st_mode) && st.st_size > 0 && DigestMapped(ctx.get(), nativePath, failed);
-    if (!mapped) failed = !DigestRead(ctx.get(), fd.get());
-    if (failed) return QString();
+    // One byte more than the size is enough to see the end of a small file, or that it grew;
+    // a buffer that large is not worth asking for many small files.
+    const std::size_t bufferSize =
+        regular ? std::min<std::size_t>(blockSize, std::size_t(before.st_size) + 1) : blockSize;
+    std::unique_ptr<unsigned char[]> buffer(new (std::nothrow) unsigned char[bufferSize]);
+    if (!buffer) return QString();
+
+    qint64 total = 0;
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buffer.get(), bufferSize);
+        if (n == 0) break;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return QString();
+        }
+        total += n;
+        // It grew: whatever comes next, the bytes read are no version of the file.
+        if (regular && total > before.st_size) return QString();
+        if (EVP_DigestUpdate(ctx.get(), buffer.get(), std::size_t(n)) != 1) return QString();
+        if (afterBlock) afterBlock();
+    }
+
+    if (regular) {
+        struct stat after;
+        if (total != before.st_size || ::fstat(fd.get(), &after) != 0 ||
+            !SameVersion(before, after))
+            return QString();
+    }
 
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
@@ -145,13 +96,18 @@ QString HashFile(const QString& filePath) {
 
 }  // namespace
 
-QString CryptographicHash::GetFileHash(const QString& filePath) {
+QString CryptographicHash::HashFile(const QString& filePath, std::size_t blockSize,
+                                    const std::function<void()>& afterBlock) {
     try {
-        return HashFile(filePath);
-    } catch (const std::exception&) {
-        // Out of memory for the read buffer: no hash, like any other unreadable file.
+        return Hash(filePath, blockSize, afterBlock);
+    } catch (...) {
+        // Only the test seam or running out of memory can throw; no hash, like a failed read.
         return QString();
     }
+}
+
+QString CryptographicHash::GetFileHash(const QString& filePath) {
+    return HashFile(filePath, READ_BLOCK_SIZE);
 }
 
 }  // namespace core

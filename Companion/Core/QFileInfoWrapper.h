@@ -7,8 +7,9 @@
 namespace sync {
 namespace core {
 
-// One local entry, read once: the type comes from the walker's QFileInfo (the directory
-// listing already knows it), size and time from one stat of our own, taken on first use.
+// One local entry named by a path (the file wrapper's GetFileInfo; the walker has its own):
+// the type from QFileInfo, size and time from one stat of our own, taken on first use. A path
+// held in a QString always has a name that is UTF-8, so UndecodableName() stays empty.
 class QFileInfoWrapper : public sync::interf::IQFileInfoWrapper {
 public:
     explicit QFileInfoWrapper(const QFileInfo& info);

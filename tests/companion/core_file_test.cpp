@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <climits>
 
 #include <QDir>
@@ -86,6 +89,48 @@ TEST(TemporaryFileTest, EveryFileOfARootHasItsOwnPartnerInTheTemporaryFolder) {
         temporaries.insert(temp);
     }
     EXPECT_EQ(temporaries.size(), files.size());
+}
+
+// Remove answers whether the entry is gone. A dangling link is an entry of its own although
+// it "does not exist" to QFileInfo; in a folder without write permission it stays, and so must
+// the answer say.
+TEST(RemoveTest, TrueExactlyWhenNothingIsLeftAtThePath) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const bool root = ::geteuid() == 0;  // root writes into every folder
+    const struct {
+        const char* name;
+        const char* path;  // below dir
+        bool removed;
+        bool unprivilegedOnly;
+    } cases[] = {
+        {"file", "open/file", true, false},
+        {"missing file", "open/missing", true, false},
+        {"dangling link", "open/dangling", true, false},
+        {"folder", "open/folder", false, false},
+        {"file in a locked folder", "locked/file", false, true},
+        {"dangling link in a locked folder", "locked/dangling", false, true},
+    };
+    for (const char* folder : {"open", "locked"}) {
+        WriteFile(dir.filePath(QString(folder) + "/file"));
+        ASSERT_TRUE(
+            QFile::link(dir.filePath("nowhere"), dir.filePath(QString(folder) + "/dangling")));
+    }
+    ASSERT_TRUE(QDir().mkpath(dir.filePath("open/folder")));
+    const QByteArray locked = QFile::encodeName(dir.filePath("locked"));
+    ASSERT_EQ(::chmod(locked.constData(), 0500), 0);
+    auto wrapper = CoreFactory().CreateFileWrapper();
+    for (const auto& c : cases) {
+        if (c.unprivilegedOnly && root) continue;
+        const QString path = dir.filePath(c.path);
+        wrapper->SetFileName(path);
+        EXPECT_EQ(wrapper->Remove(), c.removed) << c.name;
+        struct stat st;
+        EXPECT_EQ(::lstat(QFile::encodeName(path).constData(), &st) != 0, c.removed) << c.name;
+    }
+    wrapper->SetFileName(QString());
+    EXPECT_FALSE(wrapper->Remove()) << "no path";
+    ::chmod(locked.constData(), 0700);
 }
 
 }  // namespace

@@ -1,13 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <QUuid>
+#include <functional>
+#include <memory>
+#include <vector>
 
 #include "CoreFactory.h"
+#include "Finally.h"
 #include "SyncException.h"
 
 using sync::core::SyncException;
@@ -120,6 +126,163 @@ TEST_F(WalkerTest, UnreadableFolderFailsTheWalkWhereTheWalkGoes) {
                 << c.name << ": " << e.what();
         }
         if (c.locked) ::chmod(locked.constData(), 0700);
+    }
+}
+
+// What the engine reads of each entry is what QFileInfo reads from the disk.
+TEST_F(WalkerTest, EntriesCarryTypeSizeAndTimeOfTheDisk) {
+    QFile a(root + "/a.txt");
+    ASSERT_TRUE(a.open(QIODevice::WriteOnly));
+    ASSERT_EQ(a.write("twelve bytes"), 12);
+    a.close();
+    const QDir::Filters tree = QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden;
+    auto walker =
+        sync::factory::CoreFactory().CreateQDirIterator(root, tree, QDirIterator::Subdirectories);
+    int seen = 0;
+    while (walker->HasNext()) {
+        const QString path = walker->Next();
+        const auto info = walker->FileInfo();
+        const QFileInfo disk(path);
+        const std::string name = path.toStdString();
+        ++seen;
+        EXPECT_EQ(info->AbsoluteFilePath(), disk.absoluteFilePath()) << name;
+        EXPECT_EQ(info->FileName(), disk.fileName()) << name;
+        EXPECT_EQ(info->IsFile(), disk.isFile()) << name;
+        EXPECT_EQ(info->IsDir(), disk.isDir()) << name;
+        EXPECT_EQ(info->IsSymLink(), disk.isSymLink()) << name;
+        EXPECT_EQ(info->IsHidden(), disk.isHidden()) << name;
+        EXPECT_EQ(info->Size(), disk.isDir() ? 0 : disk.size()) << name;
+        EXPECT_EQ(info->LastModified(), disk.lastModified()) << name;
+        EXPECT_EQ(info->UndecodableName(), QString()) << name;
+    }
+    EXPECT_EQ(seen, 11);
+}
+
+// Linux names are bytes. One that is not UTF-8 cannot become a QString and back, so the entry
+// is reported with the name escaped, and such a folder is not entered.
+TEST_F(WalkerTest, NamesThatAreNotUtf8AreReportedOnceEscapedAndNeverEntered) {
+    const QString start = root + "/names";
+    const QByteArray native = QFile::encodeName(start);
+    ASSERT_EQ(::mkdir(native.constData(), 0700), 0);
+    const struct {
+        const char* bytes;
+        bool folder;
+        const char* escaped;  // empty: the name is UTF-8 and must come back unchanged
+    } cases[] = {
+        {"bad\xff.txt", false, "bad\\xff.txt"},
+        {"dir\xfe", true, "dir\\xfe"},
+        {"cut\xe2\x82", true, "cut\\xe2\\x82"},
+        {"caf\xc3\xa9\xff", false, "caf\xc3\xa9\\xff"},
+        {"\xc0\xafoverlong", false, "\\xc0\\xafoverlong"},
+        {"surrogate\xed\xa0\x80", false, "surrogate\\xed\\xa0\\x80"},
+        {"beyond\xf4\x90\x80\x80", false, "beyond\\xf4\\x90\\x80\\x80"},
+        {"caf\xc3\xa9.txt", false, ""},
+        {"\xef\xbb\xbf"
+         "bom.txt",
+         false, ""},
+        {"\xf0\x9f\x98\x80", true, ""},
+    };
+    // QDir cannot name these entries either, so the temporary folder could not remove them.
+    const sync::core::Finally cleanUp([&] {
+        for (const auto& c : cases) {
+            const QByteArray path = native + "/" + c.bytes;
+            ::unlink((path + "/inner.txt").constData());
+            c.folder ? ::rmdir(path.constData()) : ::unlink(path.constData());
+        }
+    });
+    int expectedEntries = 0;
+    for (const auto& c : cases) {
+        const QByteArray path = native + "/" + c.bytes;
+        const std::string label = QByteArray(c.bytes).toHex().toStdString();
+        if (c.folder) {
+            ASSERT_EQ(::mkdir(path.constData(), 0700), 0) << label;
+            const int fd = ::open((path + "/inner.txt").constData(), O_CREAT | O_WRONLY, 0600);
+            ASSERT_GE(fd, 0) << label;
+            ::close(fd);
+            expectedEntries += *c.escaped ? 1 : 2;
+        } else {
+            const int fd = ::open(path.constData(), O_CREAT | O_WRONLY, 0600);
+            ASSERT_GE(fd, 0) << label;
+            ::close(fd);
+            expectedEntries += 1;
+        }
+    }
+    std::vector<std::shared_ptr<sync::interf::IQFileInfoWrapper>> seen;
+    auto walker = sync::factory::CoreFactory().CreateQDirIterator(
+        start, QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks,
+        QDirIterator::Subdirectories);
+    while (walker->HasNext()) {
+        walker->Next();
+        seen.push_back(walker->FileInfo());
+    }
+    EXPECT_EQ(int(seen.size()), expectedEntries);
+    for (const auto& c : cases) {
+        const QByteArray bytes(c.bytes);
+        const std::string label = bytes.toHex().toStdString();
+        const QString escaped = QString::fromUtf8(c.escaped);
+        int found = 0;
+        for (const auto& info : seen) {
+            if (*c.escaped ? info->UndecodableName() != escaped
+                           : QFile::encodeName(info->AbsoluteFilePath()) != native + "/" + bytes)
+                continue;
+            ++found;
+            EXPECT_EQ(info->IsDir(), c.folder) << label;
+            EXPECT_EQ(info->IsFile(), !c.folder) << label;
+            EXPECT_EQ(info->UndecodableName(), escaped) << label;
+            if (*c.escaped) {
+                EXPECT_EQ(info->AbsoluteFilePath(), start + "/" + QString::fromUtf8(bytes))
+                    << label;
+            }
+        }
+        EXPECT_EQ(found, 1) << label;
+    }
+}
+
+// Another program removes or replaces a folder after the walk reported it and before the walk
+// enters it (a folder is entered only after its parent's listing): the folder's content is
+// simply absent, as after any deletion.
+TEST_F(WalkerTest, FolderThatGoesAwayBeforeItIsEnteredIsAbsent) {
+    QTemporaryDir elsewhere;
+    WriteFile(elsewhere.filePath("outside/secret.txt"));
+    const struct {
+        const char* name;
+        std::function<void(const QString& folder)> change;
+    } cases[] = {
+        {"removed", [](const QString& folder) { ASSERT_TRUE(QDir(folder).removeRecursively()); }},
+        {"renamed away",
+         [&](const QString& folder) {
+             ASSERT_TRUE(QDir().rename(folder, elsewhere.filePath(QUuid::createUuid().toString())));
+         }},
+        {"replaced by a file",
+         [](const QString& folder) {
+             ASSERT_TRUE(QDir(folder).removeRecursively());
+             WriteFile(folder);
+         }},
+        {"replaced by a link to a folder",
+         [&](const QString& folder) {
+             ASSERT_TRUE(QDir(folder).removeRecursively());
+             ASSERT_TRUE(QFile::link(elsewhere.filePath("outside"), folder));
+         }},
+    };
+    for (const auto& c : cases) {
+        const QString start = root + "/" + QString::fromLatin1(c.name).replace(' ', '_');
+        WriteFile(start + "/keep.txt");
+        WriteFile(start + "/victim/inner.txt");
+        WriteFile(start + "/victim/deeper/inner.txt");
+        QStringList seen;
+        try {
+            auto walker = sync::factory::CoreFactory().CreateQDirIterator(
+                start, QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks,
+                QDirIterator::Subdirectories);
+            while (walker->HasNext()) {
+                const QString path = walker->Next();
+                seen << path.mid(start.size() + 1);
+                if (seen.last() == "victim") c.change(path);
+            }
+        } catch (const SyncException& e) {
+            ADD_FAILURE() << c.name << ": " << e.what();
+        }
+        EXPECT_EQ(Sorted(seen), "keep.txt victim") << c.name;
     }
 }
 
