@@ -10,6 +10,7 @@
 
 #include "FileConfiguration.h"
 #include "FolderConfiguration.h"
+#include "SyncLog.h"
 
 namespace sync {
 namespace syncService {
@@ -37,8 +38,8 @@ public:
     // Puts an entry found by a walk under its key. Two names of one folder that differ only in
     // letter case map to one key, and neither could be synchronised without overwriting the
     // other: the key is then excluded and the entry already put is taken out again. Returns the
-    // paths (field `path` of the records) that clash: both on the first clash, the newcomer's on
-    // any later one; empty when the entry was put.
+    // paths (field `path` of the records) that clash, to be reported as filtered out: both on the
+    // first clash, which is logged, the newcomer's on any later one; empty when the entry was put.
     template <typename Record>
     QStringList PutWalked(QHash<QString, Record>& map, QSet<QString>& excludedKeys,
                           QSet<QString>& clashingKeys, const QString& key, Record&& record,
@@ -51,6 +52,10 @@ public:
             return {};
         }
         const QStringList clash{(*existing).*path, record.*path};
+        SYNC_LOG_WARN(
+            "Leaving out %1 and %2: their names differ only in letter case, and one would "
+            "overwrite the other. Rename one of them to synchronise both.",
+            clash.at(0), clash.at(1));
         map.remove(key);
         clashingKeys.insert(key);
         excludedKeys.insert(key);

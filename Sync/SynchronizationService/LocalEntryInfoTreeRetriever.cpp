@@ -174,18 +174,8 @@ void LocalEntryInfoTreeRetriever::_AddGeneratedFiles(const FolderConfiguration& 
 }
 
 void LocalEntryInfoTreeRetriever::_ReportClash(const QStringList& paths, bool folders) {
-    if (paths.isEmpty()) return;
-    if (paths.size() > 1)
-        SYNC_LOG_WARN(
-            "Leaving out %1 and %2: their names differ only in letter case, and one would "
-            "overwrite the other. Rename one of them to synchronise both.",
-            paths.at(0), paths.at(1));
-    for (const QString& path : paths) {
-        if (folders)
-            Q_EMIT FolderFilteredOut(path);
-        else
-            Q_EMIT FileFilteredOut(path);
-    }
+    for (const QString& path : paths)
+        folders ? Q_EMIT FolderFilteredOut(path) : Q_EMIT FileFilteredOut(path);
 }
 
 bool LocalEntryInfoTreeRetriever::_RootFolderAppearsMissing(

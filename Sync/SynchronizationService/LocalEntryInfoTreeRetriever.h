@@ -42,7 +42,7 @@ private:
     bool _FilterFolder(const QString& rootLocalPath, const QString& folderPath);
     bool _FilterFileNameByMaxLength(const sync::config::FileConfiguration& file);
     bool _FilterFolderNameByMaxLength(const sync::config::FolderConfiguration& folder);
-    // Logs a letter-case clash and reports each entry as filtered out.
+    // Reports each entry of a letter-case clash as filtered out.
     void _ReportClash(const QStringList& paths, bool folders);
     // Adds the generated files that still exist and still belong to a file record.
     void _AddGeneratedFiles(const sync::config::FolderConfiguration& root, EntryInfoTree& tree,

@@ -45,7 +45,7 @@ private:
     // Adds the listed entries that pass the filters; false when stopped by an exit request.
     bool _AddFiles(const QVector<sync::config::FileConfiguration>& files, EntryInfoTree& tree,
                    sync::interf::ICheckForExit& checkForExit, int& filteredCount);
-    // Logs a letter-case clash and reports each entry as filtered out.
+    // Reports each entry of a letter-case clash as filtered out.
     void _ReportClash(const QStringList& paths, bool folders);
     bool _AddFolders(const QVector<sync::config::FolderConfiguration>& folders, EntryInfoTree& tree,
                      sync::interf::ICheckForExit& checkForExit, int& filteredCount);

@@ -235,10 +235,10 @@ TEST_F(ServerTreeRetrieverTest, LetterCaseClashesAreLeftOutAndReported) {
     EXPECT_EQ(QStringList({"/Docs/Report.txt", "/Docs/report.txt", "/Docs/REPORT.txt"}),
               fileSignals);
     EXPECT_EQ(QStringList({"/Docs/Pics", "/Docs/pics"}), folderSignals);
-    EXPECT_EQ(QStringList({"Leaving out server entries /Docs/Report.txt and /Docs/report.txt: "
+    EXPECT_EQ(QStringList({"Leaving out /Docs/Report.txt and /Docs/report.txt: "
                            "their names differ only in letter case, and one would overwrite the "
                            "other. Rename one of them to synchronise both.",
-                           "Leaving out server entries /Docs/Pics and /Docs/pics: their names "
+                           "Leaving out /Docs/Pics and /Docs/pics: their names "
                            "differ only in letter case, and one would overwrite the other. "
                            "Rename one of them to synchronise both."}),
               log.Messages(log4cplus::WARN_LOG_LEVEL));
