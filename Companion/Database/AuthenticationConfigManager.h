@@ -12,7 +12,8 @@ namespace database {
 
 // Server accounts. An account's id is the authenticationId that folder records carry; the
 // account itself is described by a ServerConfiguration with the same id. Failures throw
-// std::runtime_error naming the database file.
+// DatabaseException naming the database file; a batch lost at the end of a scope is reported
+// first, as by the other managers.
 class AuthenticationConfigManager : public sync::interf::IAuthenticationConfigManager {
 public:
     explicit AuthenticationConfigManager(std::shared_ptr<ConfigDatabase> database);

@@ -3,16 +3,22 @@
 #include <QString>
 #include <memory>
 
+#include "DatabaseException.h"
+
 namespace sync {
 namespace database {
 
 // One open configuration database file: the single connection that every manager of an
-// installation shares, with its prepared statements. The file is kept in WAL mode with a busy
-// timeout, so that the host's tools can read it while the service writes.
+// installation shares, with its prepared statements. The file is kept in WAL mode, so that the
+// host's tools can read it while the service writes.
 //
 // Opening never resets anything: a file that is not a database of this system, is damaged, is
 // newer than this program or cannot be written (when writing was asked for) makes Open throw
-// std::runtime_error whose text names the file. An older file is migrated forward.
+// DatabaseException whose text names the file. An older file is migrated forward when it is
+// opened for writing and refused when it is opened read-only.
+//
+// A writer that finds the file locked by another process waits up to the busy timeout, then
+// fails with an error that names the file.
 //
 // Used from one thread. A host wires an installation like this:
 //   auto db = ConfigDatabase::Open(ConfigDatabase::DefaultPath());
@@ -22,6 +28,10 @@ namespace database {
 class ConfigDatabase {
 public:
     enum class Mode { ReadWrite, ReadOnly };
+
+    // Long enough to ride out another process's batch of writes, which holds the write lock
+    // for a whole transaction.
+    static constexpr int DefaultBusyTimeoutMs = 30000;
 
     // <application data directory>/sync.db
     static QString DefaultPath();
@@ -46,6 +56,10 @@ public:
     static int LatestSchemaVersion();
     // True while a transaction or savepoint is open on the connection.
     bool InTransaction() const;
+
+    // How long a writer waits for another process's write lock.
+    int BusyTimeoutMs() const;
+    void SetBusyTimeoutMs(int milliseconds);
 
     class Impl;
     Impl& impl() { return *_impl; }

@@ -11,6 +11,9 @@ namespace database {
 // File records in the configuration database. A record is a generated file when its
 // isGenerated field is not 0; generatedKind tells which kind (2 = base copy). A file belongs to
 // an account through its root folder record (GetFileByPath).
+//
+// Failures throw DatabaseException naming the file. Every operation first reports, once, a
+// batch that a TransactionalScope lost when its commit failed at the scope's end.
 class FileConfigManager : public sync::interf::IFileConfigManager {
 public:
     explicit FileConfigManager(std::shared_ptr<ConfigDatabase> database);

@@ -4,23 +4,13 @@
 #include "SyncLog.h"
 
 using sync::config::FolderConfiguration;
-using sync::config::FolderSynchronizationStatus;
 
 namespace sync {
 namespace database {
 
 namespace {
 
-// Column order of every folder query; ReadFolder and BindFolder follow it.
-#define FOLDER_VALUE_COLUMNS                                                                      \
-    "authentication_id, root_id, inherited_id, name, server_attribute, path, local_path, "        \
-    "local_path_key, server_path, parent_id, last_modified_ms, last_modified_zone, "              \
-    "sync_scope, server_creation_failed, inherited_value, sync_option, privilege_info, "          \
-    "privileges, server_root_path, server_folder_id, properties, last_sync_time_ms, "             \
-    "last_sync_time_zone, last_server_sync_request_time_ms, last_server_sync_request_time_zone, " \
-    "sync_status, user_flag"
-#define FOLDER_SELECT "SELECT id, " FOLDER_VALUE_COLUMNS " FROM folders "
-constexpr int kFolderValueCount = 27;
+#define FOLDER_SELECT "SELECT id, " SYNC_DB_FOLDER_COLUMNS " FROM folders "
 
 const char* const kById = FOLDER_SELECT "WHERE id = ?1";
 const char* const kByPath =
@@ -33,7 +23,7 @@ const char* const kOrphans = FOLDER_SELECT
     "AND NOT EXISTS (SELECT 1 FROM folders r WHERE r.id = folders.inherited_id "
     "AND r.root_id = r.id) ORDER BY id";
 const char* const kRoots = FOLDER_SELECT "WHERE root_id = id ORDER BY id";
-const char* const kInsert = "INSERT INTO folders (" FOLDER_VALUE_COLUMNS
+const char* const kInsert = "INSERT INTO folders (" SYNC_DB_FOLDER_COLUMNS
                             ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, ?12, ?13, "
                             "?14, ?15, ?16, ?17, ?18, ?19, ?20, ?21, ?22, ?23, ?24, ?25, ?26, ?27)";
 const char* const kUpdate =
@@ -54,66 +44,9 @@ const char* const kDeleteRootFiles = "DELETE FROM files WHERE root_id = ?1";
 const char* const kAccountInUse =
     "SELECT EXISTS (SELECT 1 FROM folders WHERE authentication_id = ?1 AND root_id = id)";
 
-FolderConfiguration ReadFolder(const Query& q) {
-    FolderConfiguration f;
-    f.id = q.Int(0);
-    f.authenticationId = q.Int(1);
-    f.rootId = q.Int(2);
-    f.inheritedId = q.Int(3);
-    f.name = q.Text(4);
-    f.serverAttribute = q.Text(5);
-    f.path = q.Text(6);
-    f.localPath = q.Text(7);
-    // 8 is the lookup key
-    f.serverPath = q.Text(9);
-    f.parentId = q.Int(10);
-    f.lastModified = q.Time(11);
-    f.syncScope = q.Int(13);
-    f.serverCreationFailed = q.Int(14);
-    f.inheritedValue = q.Int(15);
-    f.syncOption = q.Int(16);
-    f.privilegeInfo = q.Text(17);
-    f.privileges = q.Int(18);
-    f.serverRootPath = q.Text(19);
-    f.serverFolderId = q.Text(20);
-    f.properties = codec::DecodeProperties(q.Blob(21));
-    f.lastSyncTime = q.Time(22);
-    f.lastServerSyncRequestTime = q.Time(24);
-    f.syncStatus = static_cast<FolderSynchronizationStatus>(q.Int(26));
-    f.userFlag = q.Int(27) != 0;
-    return f;
-}
-
-void BindFolder(Query& q, const FolderConfiguration& f) {
-    q.Bind(1, f.authenticationId);
-    q.Bind(2, f.rootId);
-    q.Bind(3, f.inheritedId);
-    q.Bind(4, f.name);
-    q.Bind(5, f.serverAttribute);
-    q.Bind(6, f.path);
-    q.Bind(7, f.localPath);
-    q.Bind(8, codec::PathKey(f.localPath));
-    q.Bind(9, f.serverPath);
-    q.Bind(10, f.parentId);
-    q.BindTime(11, f.lastModified);
-    q.Bind(13, f.syncScope);
-    q.Bind(14, f.serverCreationFailed);
-    q.Bind(15, f.inheritedValue);
-    q.Bind(16, f.syncOption);
-    q.Bind(17, f.privilegeInfo);
-    q.Bind(18, f.privileges);
-    q.Bind(19, f.serverRootPath);
-    q.Bind(20, f.serverFolderId);
-    q.BindBlob(21, codec::EncodeProperties(f.properties));
-    q.BindTime(22, f.lastSyncTime);
-    q.BindTime(24, f.lastServerSyncRequestTime);
-    q.Bind(26, static_cast<int>(f.syncStatus));
-    q.Bind(27, f.userFlag);
-}
-
 QVector<FolderConfiguration> ReadAll(Query& q) {
     QVector<FolderConfiguration> folders;
-    while (q.Step()) folders.append(ReadFolder(q));
+    while (q.Step()) folders.append(RecordCodec::ReadFolder(q));
     return folders;
 }
 
@@ -125,36 +58,37 @@ FolderConfigManager::FolderConfigManager(std::shared_ptr<ConfigDatabase> databas
 FolderConfigManager::~FolderConfigManager() = default;
 
 FolderConfiguration FolderConfigManager::GetFolderById(int folderId) {
-    Query q(_database->impl(), kById);
+    Query q(_database->impl().Checked(), kById);
     q.Bind(1, folderId);
-    return q.Step() ? ReadFolder(q) : FolderConfiguration();
+    return q.Step() ? RecordCodec::ReadFolder(q) : FolderConfiguration();
 }
 
 FolderConfiguration FolderConfigManager::GetFolderByPath(const QString& localPath,
                                                          int authenticationId) {
-    Query q(_database->impl(), kByPath);
-    q.Bind(1, codec::PathKey(localPath));
+    Query q(_database->impl().Checked(), kByPath);
+    q.Bind(1, RecordCodec::PathKey(localPath));
     q.Bind(2, authenticationId);
-    return q.Step() ? ReadFolder(q) : FolderConfiguration();
+    return q.Step() ? RecordCodec::ReadFolder(q) : FolderConfiguration();
 }
 
 QVector<FolderConfiguration> FolderConfigManager::GetFoldersByRootId(int rootId) {
-    Query q(_database->impl(), kByRoot);
+    Query q(_database->impl().Checked(), kByRoot);
     q.Bind(1, rootId);
     return ReadAll(q);
 }
 
 QVector<FolderConfiguration> FolderConfigManager::GetFoldersOfMissingRootFolders() {
-    Query q(_database->impl(), kOrphans);
+    Query q(_database->impl().Checked(), kOrphans);
     return ReadAll(q);
 }
 
 bool FolderConfigManager::UpdateFolder(const FolderConfiguration& folder) {
+    auto& db = _database->impl().Checked();
     if (folder.id < 0) return false;
     try {
-        Query q(_database->impl(), kUpdate);
-        BindFolder(q, folder);
-        q.Bind(kFolderValueCount + 1, folder.id);
+        Query q(db, kUpdate);
+        RecordCodec::BindFolder(q, folder);
+        q.Bind(RecordCodec::FolderValueCount + 1, folder.id);
         q.Run();
         return q.Changes() > 0;
     } catch (const std::exception& e) {
@@ -164,25 +98,25 @@ bool FolderConfigManager::UpdateFolder(const FolderConfiguration& folder) {
 }
 
 bool FolderConfigManager::AddFolder(FolderConfiguration& folder) {
-    auto& impl = _database->impl();
+    auto& db = _database->impl().Checked();
     try {
         const bool newRoot = folder.isRoot() || (folder.rootId == -1 && folder.parentId == -1);
         FolderConfiguration stored = folder;
         if (!newRoot && stored.rootId == -1) {
-            Query parent(impl, kRootIdOf);
+            Query parent(db, kRootIdOf);
             parent.Bind(1, stored.parentId);
             if (parent.Step()) stored.rootId = parent.Int(0);
         }
-        OperationSavepoint savepoint(impl);
+        OperationSavepoint savepoint(db);
         int id = -1;
         {
-            Query q(impl, kInsert);
-            BindFolder(q, stored);
+            Query q(db, kInsert);
+            RecordCodec::BindFolder(q, stored);
             q.Run();
             id = static_cast<int>(q.LastInsertId());
         }
         if (newRoot) {
-            Query q(impl, kMakeRoot);
+            Query q(db, kMakeRoot);
             q.Bind(1, id);
             q.Run();
             stored.rootId = id;
@@ -199,14 +133,15 @@ bool FolderConfigManager::AddFolder(FolderConfiguration& folder) {
 }
 
 void FolderConfigManager::RemoveFolder(int folderId) {
-    Query q(_database->impl(), kDelete);
+    Query q(_database->impl().Checked(), kDelete);
     q.Bind(1, folderId);
     q.Run();
 }
 
 bool FolderConfigManager::DeleteFolderById(int folderId) {
+    auto& db = _database->impl().Checked();
     try {
-        Query q(_database->impl(), kDelete);
+        Query q(db, kDelete);
         q.Bind(1, folderId);
         q.Run();
         return q.Changes() > 0;
@@ -217,31 +152,37 @@ bool FolderConfigManager::DeleteFolderById(int folderId) {
 }
 
 QVector<FolderConfiguration> FolderConfigManager::GetRootFolders() {
-    Query q(_database->impl(), kRoots);
+    Query q(_database->impl().Checked(), kRoots);
     return ReadAll(q);
 }
 
 bool FolderConfigManager::IsAuthenticationInUse(int authenticationId) {
-    Query q(_database->impl(), kAccountInUse);
+    Query q(_database->impl().Checked(), kAccountInUse);
     q.Bind(1, authenticationId);
     return q.Step() && q.Int(0) != 0;
 }
 
 void FolderConfigManager::ReleaseMemory() {
-    sqlite3_db_release_memory(_database->impl().Handle());
+    // Called on every way out of a cycle, also while an exception unwinds: must not throw, and
+    // leaves a lost batch for the next cycle to report.
+    try {
+        _database->impl().Exec("PRAGMA shrink_memory");
+    } catch (const std::exception& e) {
+        SYNC_LOG_WARN("Failed to release database memory: %1", e.what());
+    }
 }
 
 bool FolderConfigManager::RemoveRootFolder(int folderId) {
-    auto& impl = _database->impl();
+    auto& db = _database->impl().Checked();
     try {
         {
-            Query exists(impl, kExists);
+            Query exists(db, kExists);
             exists.Bind(1, folderId);
             if (!exists.Step()) return false;
         }
-        OperationSavepoint savepoint(impl);
+        OperationSavepoint savepoint(db);
         for (const char* sql : {kDeleteRootFiles, kDeleteRootFolders}) {
-            Query q(impl, sql);
+            Query q(db, sql);
             q.Bind(1, folderId);
             q.Run();
         }

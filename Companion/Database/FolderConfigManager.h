@@ -14,6 +14,11 @@ namespace database {
 // folder (rootId -1 and no parent, or a root record being added again, isRoot()) gets its new
 // id as rootId and inheritedId; a record with rootId -1 and a parent takes its parent's rootId.
 // Everything else is stored as given.
+//
+// Writes that fail answer false (and log why); reads that fail throw DatabaseException naming
+// the file. Every operation but ReleaseMemory first reports, by that exception and once, a
+// batch that a TransactionalScope lost when its commit failed at the scope's end. AddFolder and
+// RemoveRootFolder write several statements; one that fails undoes the others.
 class FolderConfigManager : public sync::interf::IFolderConfigManager {
 public:
     explicit FolderConfigManager(std::shared_ptr<ConfigDatabase> database);

@@ -23,10 +23,10 @@ ScheduleEntryManager::~ScheduleEntryManager() = default;
 
 ScheduleEntry ScheduleEntryManager::GetScheduleEntry() {
     ScheduleEntry entry;
-    Query q(_database->impl(), kSelect);
+    Query q(_database->impl().Checked(), kSelect);
     if (q.Step()) {
-        entry.syncTime = q.Time(0);
-        entry.lastChanged = q.Time(2);
+        entry.syncTime = RecordCodec::ReadTime(q, 0);
+        entry.lastChanged = RecordCodec::ReadTime(q, 2);
         entry.syncType = q.Int(4);
         entry.syncInterval = q.Int(5);
     }
@@ -34,9 +34,9 @@ ScheduleEntry ScheduleEntryManager::GetScheduleEntry() {
 }
 
 void ScheduleEntryManager::UpdateScheduleEntry(ScheduleEntry& entry) {
-    Query q(_database->impl(), kStore);
-    q.BindTime(1, entry.syncTime);
-    q.BindTime(3, entry.lastChanged);
+    Query q(_database->impl().Checked(), kStore);
+    RecordCodec::BindTime(q, 1, entry.syncTime);
+    RecordCodec::BindTime(q, 3, entry.lastChanged);
     q.Bind(5, entry.syncType);
     q.Bind(6, entry.syncInterval);
     q.Run();

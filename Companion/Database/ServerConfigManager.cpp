@@ -17,18 +17,18 @@ ServerConfigManager::ServerConfigManager(std::shared_ptr<ConfigDatabase> databas
 ServerConfigManager::~ServerConfigManager() = default;
 
 ServerConfiguration ServerConfigManager::GetServerConfiguration(int authenticationId) {
-    return ReadAccountById(_database->impl(), authenticationId);
+    return ReadAccountById(_database->impl().Checked(), authenticationId);
 }
 
 ServerConfiguration ServerConfigManager::GetServerConfigurationByFolderId(int rootFolderId) {
     int authenticationId = -1;
     {
-        Query q(_database->impl(), kAccountOfFolder);
+        Query q(_database->impl().Checked(), kAccountOfFolder);
         q.Bind(1, rootFolderId);
         if (!q.Step()) return ServerConfiguration();
         authenticationId = q.Int(0);
     }
-    return ReadAccountById(_database->impl(), authenticationId);
+    return ReadAccountById(_database->impl().Checked(), authenticationId);
 }
 
 }  // namespace database

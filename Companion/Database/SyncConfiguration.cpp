@@ -48,7 +48,7 @@ int SyncConfiguration::_ReadInt(const char* key, int defaultValue) {
 }
 
 void SyncConfiguration::_WriteInt(const char* key, int value) {
-    Query q(_database->impl(), kStore);
+    Query q(_database->impl().Checked(), kStore);
     q.Bind(1, QString::fromLatin1(key));
     q.Bind(2, value);
     q.Run();

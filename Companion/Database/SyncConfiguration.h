@@ -10,7 +10,9 @@ namespace sync {
 namespace database {
 
 // Engine settings kept in the configuration database. Reading never throws: a missing,
-// unreadable or non-positive value answers the default (and a read error is logged).
+// unreadable or non-positive value answers the default (and a read error is logged). For the
+// same reason a read leaves a batch lost at the end of a scope for the next manager call to
+// report.
 class SyncConfiguration : public sync::interf::ISyncConfiguration {
 public:
     static constexpr int DefaultSyncIntervalSeconds = 300;
@@ -22,7 +24,7 @@ public:
     int GetSyncInterval() override;
     int GetTooManyRequestsHoldSeconds() override;
 
-    // Throw std::runtime_error naming the file when the value cannot be written.
+    // Throw DatabaseException naming the file when the value cannot be written.
     void SetSyncInterval(int seconds);
     void SetTooManyRequestsHoldSeconds(int seconds);
 

@@ -1,7 +1,7 @@
 #include "TransactionalScope.h"
 
-#include <exception>
 #include <mutex>
+#include <stdexcept>
 
 #include "SyncLog.h"
 
@@ -37,7 +37,15 @@ TransactionalScope::TransactionalScope()
 void TransactionalScope::commit() {
     if (_done) return;
     _done = true;
-    if (_backend) _backend->Commit(_depth);
+    if (!_backend) return;
+    try {
+        _backend->Commit(_depth);
+    } catch (...) {
+        // A COMMIT that failed may leave the transaction open; closed here, every later scope
+        // opens a transaction of its own instead of a savepoint that never reaches the disk.
+        _backend->Rollback(_depth);
+        throw;
+    }
 }
 
 TransactionalScope::~TransactionalScope() {
@@ -51,9 +59,18 @@ TransactionalScope::~TransactionalScope() {
     try {
         _backend->Commit(_depth);
     } catch (const std::exception& e) {
-        // A destructor cannot report a failed commit; undo instead of leaving it open.
-        SYNC_LOG_ERROR("Failed to commit database transaction: %1", e.what());
+        SYNC_LOG_ERROR(
+            "A batch of database writes was rolled back because it could not be "
+            "committed: %1",
+            e.what());
         _backend->Rollback(_depth);
+        _backend->ReportLostBatch(e);
+    } catch (...) {
+        SYNC_LOG_ERROR(
+            "A batch of database writes was rolled back because it could not be "
+            "committed");
+        _backend->Rollback(_depth);
+        _backend->ReportLostBatch(std::runtime_error("unknown failure at commit"));
     }
 }
 

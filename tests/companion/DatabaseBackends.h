@@ -4,7 +4,9 @@
 // server configuration factory. Reopen() drops every connection and opens the file afresh.
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 #include <QDateTime>
+#include <QFile>
 #include <QTemporaryDir>
 #include <QTimeZone>
 #include <memory>
@@ -44,6 +46,31 @@ protected:
     std::shared_ptr<database::FolderConfigManager> folders;
     std::shared_ptr<database::FileConfigManager> files;
 };
+
+// Runs sql on a connection of its own, as another program would: to plant triggers, tables or
+// old files, and to look at what reached the disk.
+inline void ExecOnFile(const QString& path, const char* sql) {
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open(QFile::encodeName(path).constData(), &raw), SQLITE_OK);
+    char* error = nullptr;
+    EXPECT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
+    sqlite3_free(error);
+    sqlite3_close(raw);
+}
+
+// The first column of the first row of sql, read on a connection of its own.
+inline qint64 QueryOnFile(const QString& path, const char* sql) {
+    sqlite3* raw = nullptr;
+    qint64 value = -1;
+    sqlite3_stmt* stmt = nullptr;
+    if (sqlite3_open(QFile::encodeName(path).constData(), &raw) == SQLITE_OK &&
+        sqlite3_prepare_v2(raw, sql, -1, &stmt, nullptr) == SQLITE_OK &&
+        sqlite3_step(stmt) == SQLITE_ROW)
+        value = sqlite3_column_int64(stmt, 0);
+    sqlite3_finalize(stmt);
+    sqlite3_close(raw);
+    return value;
+}
 
 inline QDateTime At(qint64 ms, Qt::TimeSpec spec, int offsetSeconds = 0) {
     return QDateTime::fromMSecsSinceEpoch(ms, spec, offsetSeconds);

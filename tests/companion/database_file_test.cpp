@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
 #include <unistd.h>
 #include <QCryptographicHash>
 #include <QFile>
@@ -16,6 +15,7 @@
 using namespace sync::config;
 using sync::database::ConfigDatabase;
 using Mode = ConfigDatabase::Mode;
+using sync::test::ExecOnFile;
 
 namespace {
 
@@ -23,15 +23,6 @@ QByteArray Digest(const QString& path) {
     QFile f(path);
     if (!f.open(QIODevice::ReadOnly)) return QByteArray();
     return QCryptographicHash::hash(f.readAll(), QCryptographicHash::Sha256);
-}
-
-void ExecRaw(const QString& path, const char* sql) {
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open(QFile::encodeName(path).constData(), &raw), SQLITE_OK);
-    char* error = nullptr;
-    EXPECT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, &error), SQLITE_OK) << (error ? error : "");
-    sqlite3_free(error);
-    sqlite3_close(raw);
 }
 
 // The open must fail with the file named in the error, and leave the file as it was.
@@ -46,6 +37,16 @@ void ExpectRefused(const QString& path, Mode mode, const char* reason) {
         EXPECT_TRUE(QString::fromUtf8(e.what()).contains(QString::fromLatin1(reason))) << e.what();
     }
     EXPECT_EQ(Digest(path), before);
+}
+
+// A file as the first release left it.
+void WriteVersion1(const QString& path, const char* rows = "") {
+    const auto& steps = sync::database::DatabaseSchema::Migrations();
+    ASSERT_EQ(steps.front().version, 1);
+    ExecOnFile(path, steps.front().sql);
+    ExecOnFile(path,
+               (QByteArray("PRAGMA application_id = 1398361667; PRAGMA user_version = 1;") + rows)
+                   .constData());
 }
 
 class DatabaseFileTest : public sync::test::DatabaseTest {
@@ -65,15 +66,17 @@ TEST_F(DatabaseFileTest, BadFilesAreRefusedNamedAndUntouched) {
     AddRoots(3000);  // enough pages that a truncated copy misses many
     Close();
     const QString garbage = PathOf("garbage.db"), truncated = PathOf("truncated.db"),
-                  foreign = PathOf("foreign.db"), newer = PathOf("newer.db");
+                  foreign = PathOf("foreign.db"), newer = PathOf("newer.db"),
+                  older = PathOf("older.db");
     QFile f(garbage);
     ASSERT_TRUE(f.open(QIODevice::WriteOnly));
     f.write(QByteArray("this is not a database at all\n").repeated(200));
     f.close();
     ASSERT_TRUE(QFile::copy(Path(), truncated) && QFile::copy(Path(), newer));
     ASSERT_TRUE(QFile(truncated).resize(QFileInfo(truncated).size() / 2));
-    ExecRaw(newer, "PRAGMA user_version = 99");
-    ExecRaw(foreign, "CREATE TABLE photos (id INTEGER PRIMARY KEY, name TEXT)");
+    ExecOnFile(newer, "PRAGMA user_version = 99");
+    ExecOnFile(foreign, "CREATE TABLE photos (id INTEGER PRIMARY KEY, name TEXT)");
+    WriteVersion1(older);
     const struct {
         QString path;
         Mode mode;
@@ -84,6 +87,8 @@ TEST_F(DatabaseFileTest, BadFilesAreRefusedNamedAndUntouched) {
         {truncated, Mode::ReadOnly, "damaged"},
         {foreign, Mode::ReadWrite, "not a synchronisation database"},
         {newer, Mode::ReadWrite, "newer release"},
+        // Reading cannot migrate, and this release's queries do not fit the old tables.
+        {older, Mode::ReadOnly, "must be updated"},
         {PathOf("missing.db"), Mode::ReadOnly, "does not exist"},
     };
     for (const auto& row : rows) ExpectRefused(row.path, row.mode, row.reason);
@@ -131,15 +136,11 @@ TEST_F(DatabaseFileTest, FilesAreBroughtToTheLatestVersionInWalMode) {
     EXPECT_TRUE(QFile::exists(created + "-wal"));  // only while a connection is open
 
     const QString path = PathOf("v1.db");
-    const auto& steps = sync::database::DatabaseSchema::Migrations();
-    ASSERT_EQ(steps.front().version, 1);
-    ExecRaw(path, steps.front().sql);
-    ExecRaw(path,
-            "PRAGMA application_id = 1398361667; PRAGMA user_version = 1;"
-            // Every column, in the order of the version 1 table.
-            "INSERT INTO folders VALUES (5, 2, 5, 5, 'Docs', '', '/Docs', '/home/u/Docs', "
-            "'/home/u/docs', '/Docs', -1, 1600000000000, 1, 0, 0, 1, 2, 'info', 31, '', 'sf', "
-            "NULL, NULL, NULL, NULL, NULL, 0, 0);");
+    // Every column, in the order of the version 1 table.
+    WriteVersion1(path,
+                  "INSERT INTO folders VALUES (5, 2, 5, 5, 'Docs', '', '/Docs', '/home/u/Docs', "
+                  "'/home/u/docs', '/Docs', -1, 1600000000000, 1, 0, 0, 1, 2, 'info', 31, '', "
+                  "'sf', NULL, NULL, NULL, NULL, NULL, 0, 0);");
     auto old = ConfigDatabase::Open(path);
     EXPECT_EQ(old->SchemaVersion(), ConfigDatabase::LatestSchemaVersion());
     sync::database::FolderConfigManager oldFolders(old);

@@ -1,10 +1,15 @@
-// The folder and file managers against a database file.
+// The folder and file managers against a database file: what only the file shows (every field
+// and time spec after a reopen) and what happens when a statement fails. The behaviour they
+// share with the in-memory store is checked on both by config_store_contract_test.
 
 #include <gtest/gtest.h>
+
+#include <optional>
 
 #include "DatabaseBackends.h"
 #include "FileConfiguration.h"
 #include "FolderConfiguration.h"
+#include "TransactionalScope.h"
 
 using namespace sync::config;
 using sync::test::At;
@@ -83,9 +88,11 @@ FileConfiguration PopulatedFile(const FolderConfiguration& folder) {
     f.fileLinks = {FileLink(1LL << 40, "t", "k", QString()), FileLink(-3, QString(), "k2", "x")};
     f.serverModified = At(1500000000004, "Asia/Tokyo");
     f.syncStatus = FileSynchronizationStatus::NotSynchronized;
-    f.referencesOnly = 1;
+    // The three flags differ from each other here and in the updates below, so that a swap of
+    // two columns cannot pass.
+    f.referencesOnly = 0;
     f.transferPending = true;
-    f.syncStatusSet = true;
+    f.syncStatusSet = false;
     return f;
 }
 
@@ -149,150 +156,95 @@ TEST_F(ManagerTest, PopulatedRecordsComeBackUnchanged) {
     ASSERT_TRUE(folders->UpdateFolder(folder));
     ASSERT_TRUE(files->UpdateFile(file));
     expectStored("updated");
-}
 
-TEST_F(ManagerTest, RootsAreTheirOwnRootAndComeFirstAmongTheirFolders) {
-    const auto first = Add(Root("/a"));
-    auto second = Add(Root("/b"));
-    EXPECT_GE(first.id, 1);
-    EXPECT_GT(second.id, first.id);
-    const auto sub = Add(Child(second, "sub"));
-    auto noRootId = Child(sub, "t");
-    noRootId.rootId = -1;  // taken from the parent record
-    noRootId = Add(noRootId);
-    EXPECT_EQ(noRootId.rootId, second.id);
-    EXPECT_TRUE(Same(folders->GetRootFolders(), {first, second}));  // as stored: rootId == id
-    EXPECT_EQ(first.inheritedId, first.id);
-    EXPECT_TRUE(Same(folders->GetFoldersByRootId(second.id), {second, sub, noRootId}));
-
-    // A root added again after its records were removed becomes a new root.
-    const int oldId = second.id;
-    ASSERT_TRUE(folders->RemoveRootFolder(oldId));
-    second.syncOption |= RootFolderReset;
-    second = Add(second);
-    EXPECT_NE(second.id, oldId);
-    EXPECT_EQ(second.rootId, second.id);
-    EXPECT_EQ(second.inheritedId, second.id);
-    EXPECT_TRUE(Same(folders->GetRootFolders(), {first, second}));
-}
-
-TEST_F(ManagerTest, UnsavedRecordsAreNotWrittenAndMissingOnesHaveIdMinusOne) {
-    const auto root = Add(Root("/a"));
-    const auto stored = Add(File(root, "x"));
-    EXPECT_FALSE(folders->UpdateFolder(Child(root, "never")));
-    auto unsaved = stored;
-    unsaved.id = -1;
-    unsaved.size = 7;
-    EXPECT_FALSE(files->UpdateFile(unsaved));
-    EXPECT_EQ(folders->GetFoldersByRootId(root.id).size(), 1);
-    EXPECT_TRUE(files->GetFileById(stored.id) == stored);
-
-    EXPECT_EQ(folders->GetFolderById(12345).id, -1);
-    EXPECT_EQ(folders->GetFolderByPath("/nowhere", 1).id, -1);
-    EXPECT_EQ(files->GetFileById(12345).id, -1);
-    EXPECT_EQ(files->GetFileByPath("/nowhere", 1).id, -1);
-    EXPECT_EQ(files->GetGeneratedFileById(stored.id).id, -1);  // a plain file is not generated
-}
-
-TEST_F(ManagerTest, PathLookupsIgnoreCaseButNotTheAccount) {
-    const auto sub = Add(Child(Add(Root("/home/Ünïcode/Straße", 4)), "ÄÖÜ Ordner"));
-    const auto file = Add(File(sub, "Ème.TXT"));
     const struct {
-        const char* path;
-        int account;
-        int found;
-    } rows[] = {
-        {"/home/Ünïcode/Straße/ÄÖÜ Ordner", 4, sub.id},
-        {"/home/üNÏCODE/straße/äöü ORDNER", 4, sub.id},
-        {"/HOME/üNÏCODE/STRASSE/äöü ordner", 4, -1},  // ß is not SS
-        {"/home/ünïcode/straße/äöü ordner", 5, -1},
-        {"/home/ünïcode/straße/äöü", 4, -1},
-        {"/home/ünïcode/straße/äöü ordner/ème.txt", 4, file.id},
-        {"/home/ünïcode/straße/äöü ordner/ème.txt", 5, -1},
-        {"/home/ünïcode/straße/äöü ordner/eme.txt", 4, -1},
+        const char* name;
+        bool transferPending;
+        int referencesOnly;
+        bool syncStatusSet;
+    } flags[] = {
+        {"references only", false, 1, false},
+        {"status set", false, 0, true},
     };
-    for (const auto& row : rows) {
-        const QString path = QString::fromUtf8(row.path);
-        const int found = path.endsWith(".txt") ? files->GetFileByPath(path, row.account).id
-                                                : folders->GetFolderByPath(path, row.account).id;
-        EXPECT_EQ(found, row.found) << row.path << " account " << row.account;
+    for (const auto& row : flags) {
+        file.transferPending = row.transferPending;
+        file.referencesOnly = row.referencesOnly;
+        file.syncStatusSet = row.syncStatusSet;
+        ASSERT_TRUE(files->UpdateFile(file));
+        expectStored(row.name);
     }
 }
 
-TEST_F(ManagerTest, OrphansAreRecordsWhoseRootRecordIsGone) {
-    const auto kept = Add(Root("/kept"));
-    Add(File(Add(Child(kept, "s")), "f"));
-    auto halfDamaged = Child(kept, "h");
-    halfDamaged.rootId = 777;  // its inheritedId still ties it to a live root
-    Add(halfDamaged);
-
+// A file record stays while any of its links names a live root record; the link to a folder
+// that is not a root does not count.
+TEST_F(ManagerTest, FileIsOrphanedOnlyWhenEveryLinkToARootIsBroken) {
+    const auto root = Add(Root("/r"));
+    const auto sub = Add(Child(root, "s"));
     const auto gone = Add(Root("/gone"));
-    const auto goneSub = Add(Child(gone, "s"));
-    const auto goneSubSub = Add(Child(goneSub, "t"));
-    const auto goneFile = Add(File(goneSubSub, "g"));
     folders->RemoveFolder(gone.id);
-    EXPECT_TRUE(Same(folders->GetFoldersOfMissingRootFolders(), {goneSub, goneSubSub}));
-    EXPECT_TRUE(Same(files->GetFilesOfMissingRootFolders(), {goneFile}));
-}
-
-TEST_F(ManagerTest, DuplicateRecordsAreAllListedAndRemovedOneByOne) {
-    const auto root = Add(Root("/r"));
-    const auto first = Add(File(root, "dup.txt"));
-    const auto second = Add(File(root, "DUP.txt"));
-    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, false), {first, second}));
-    files->RemoveFile(first.id);
-    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, false), {second}));
-    EXPECT_EQ(files->GetFileByPath("/r/dup.txt", 1).id, second.id);
-}
-
-TEST_F(ManagerTest, GeneratedFilesAreKeptApartFromPlainFiles) {
-    const auto root = Add(Root("/r"));
-    const auto plain = Add(File(root, "a.doc"));
-    auto generated = [&](const FolderConfiguration& folder, const char* name, int kind) {
-        FileConfiguration g = File(folder, name);
-        g.isGenerated = 1;
-        g.generatedKind = kind;
-        g.parentFileId = plain.id;
-        return Add(g);
+    const int missing = gone.id;
+    const struct {
+        const char* name;
+        int rootId;
+        int inheritedId;
+        bool orphan;
+    } rows[] = {
+        {"both links live", root.id, root.id, false},
+        {"root id broken", missing, root.id, false},
+        {"inherited id broken", root.id, missing, false},
+        {"root id names a plain folder", sub.id, missing, true},
+        {"both broken", missing, missing, true},
+        {"never linked", -1, -1, true},
     };
-    const auto base = generated(root, "a.doc.BASE", 2);
-    const auto preview = generated(root, "a.png", 5);
-    const auto otherBase = generated(Add(Root("/o")), "b.BASE", 2);
-
-    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, false), {plain}));
-    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, true), {plain, base, preview}));
-    EXPECT_TRUE(Same(files->GetGeneratedFilesByRootId(root.id, false), {base, preview}));
-    EXPECT_TRUE(Same(files->GetGeneratedFilesByKind(2), {base, otherBase}));
-    EXPECT_TRUE(files->GetGeneratedFileById(preview.id) == preview);
-
-    files->RemoveGeneratedFileById(plain.id);  // not generated: stays
-    files->RemoveGeneratedFileById(base.id);
-    files->RemoveGeneratedFile(preview.id);
-    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id, true), {plain}));
+    QVector<FileConfiguration> expected;
+    for (const auto& row : rows) {
+        FileConfiguration f = File(sub, row.name);
+        f.rootId = row.rootId;
+        f.inheritedId = row.inheritedId;
+        f = Add(f);
+        if (row.orphan) expected.append(f);
+    }
+    QStringList listed;
+    for (const auto& f : files->GetFilesOfMissingRootFolders()) listed << f.name;
+    QStringList wanted;
+    for (const auto& f : expected) wanted << f.name;
+    EXPECT_EQ(listed.join(", ").toStdString(), wanted.join(", ").toStdString());
 }
 
-TEST_F(ManagerTest, RemovingARootRemovesWhatBelongsToItOnly) {
-    const auto a = Add(Root("/a", 1));
-    const auto b = Add(Root("/b", 1));
-    const auto c = Add(Root("/c", 2));
-    const auto aSub = Add(Child(a, "s"));
-    const auto aFile = Add(File(aSub, "f"));
-    const auto bFile = Add(File(b, "f"));
+// A statement that fails half-way through an operation of several statements undoes the
+// statements before it, inside a scope and outside one; the scope's other writes stay.
+TEST_F(ManagerTest, OperationThatFailsHalfWayLeavesNoneOfItsWrites) {
+    const auto root = Add(Root("/r"));
+    const auto sub = Add(Child(root, "s"));
+    const auto file = Add(File(sub, "f"));
+    // Removing a root deletes its files first, then its folders; adding a root inserts the
+    // record, then makes it its own root.
+    sync::test::ExecOnFile(Path(),
+                           "CREATE TRIGGER refuse_delete BEFORE DELETE ON folders "
+                           "WHEN old.name = 's' BEGIN SELECT RAISE(ABORT, 'refused'); END;"
+                           "CREATE TRIGGER refuse_root BEFORE UPDATE OF root_id ON folders "
+                           "WHEN new.name = 'refused root' BEGIN SELECT RAISE(ABORT, 'refused'); "
+                           "END;");
+    for (const bool inScope : {false, true}) {
+        SCOPED_TRACE(inScope ? "inside a scope" : "outside a scope");
+        std::optional<sync::database::TransactionalScope> scope;
+        if (inScope) scope.emplace();
+        const auto kept = Add(Child(root, inScope ? "kept in scope" : "kept"));
 
-    ASSERT_TRUE(folders->RemoveRootFolder(a.id));
-    EXPECT_EQ(folders->GetFolderById(aSub.id).id, -1);
-    EXPECT_EQ(files->GetFileById(aFile.id).id, -1);
-    EXPECT_TRUE(files->GetFileById(bFile.id) == bFile);
-    EXPECT_FALSE(folders->RemoveRootFolder(a.id));
+        EXPECT_FALSE(folders->RemoveRootFolder(root.id));
+        FolderConfiguration refused = Root("/refused root");
+        EXPECT_FALSE(folders->AddFolder(refused));
+        EXPECT_EQ(refused.id, -1);
 
-    EXPECT_TRUE(folders->IsAuthenticationInUse(1));
-    const auto bSub = Add(Child(b, "s"));
-    EXPECT_TRUE(folders->DeleteFolderById(bSub.id));
-    EXPECT_FALSE(folders->DeleteFolderById(bSub.id));
-    ASSERT_TRUE(folders->RemoveRootFolder(b.id));
-    EXPECT_FALSE(folders->IsAuthenticationInUse(1));
-    EXPECT_TRUE(folders->IsAuthenticationInUse(2));
-    EXPECT_TRUE(Same(folders->GetRootFolders(), {c}));
+        if (scope) scope->commit();
+        EXPECT_FALSE(db->InTransaction());
+        EXPECT_TRUE(files->GetFileById(file.id) == file);
+        EXPECT_TRUE(folders->GetFolderById(kept.id) == kept);
+        EXPECT_EQ(folders->GetFolderByPath("/refused root", 1).id, -1);
+    }
+    Reopen();
+    EXPECT_EQ(folders->GetFoldersByRootId(root.id).size(), 4);
+    EXPECT_TRUE(Same(files->GetFilesByRootId(root.id), {file}));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Accounts, schedule, settings and the action log kept in the configuration database.
+// Accounts and the action log kept in the configuration database.
 
 #include <gtest/gtest.h>
 
@@ -7,14 +7,10 @@
 #include "ConfigurationFactory.h"
 #include "DatabaseActionLog.h"
 #include "DatabaseBackends.h"
-#include "ScheduleEntryManager.h"
-#include "SyncConfiguration.h"
 
 using namespace sync::config;
 using namespace sync::database;
 using sync::core::SyncDetails;
-using sync::test::At;
-using sync::test::TimeText;
 
 namespace {
 
@@ -47,33 +43,6 @@ TEST_F(SettingsTest, AccountsAreFoundByIdAndThroughTheirRootFolders) {
     EXPECT_TRUE(accounts.GetAccounts() == QVector<ServerConfiguration>{account});
     accounts.RemoveAuthentication(account.id);
     EXPECT_EQ(servers->GetServerConfiguration(account.id).id, -1);
-}
-
-TEST_F(SettingsTest, ScheduleAndSettingsAnswerDefaultsUntilSet) {
-    const ScheduleEntry initial = ScheduleEntryManager(db).GetScheduleEntry();
-    EXPECT_EQ(initial.syncType, Periodic);
-    EXPECT_EQ(initial.syncInterval, 300);
-
-    ScheduleEntry entry;
-    entry.syncType = Daily;
-    entry.syncInterval = 900;
-    entry.syncTime = At(1600000000000, Qt::LocalTime);
-    entry.lastChanged = At(1600000005000, Qt::UTC);
-    ScheduleEntryManager(db).UpdateScheduleEntry(entry);
-    entry.syncInterval = 1200;
-    ScheduleEntryManager(db).UpdateScheduleEntry(entry);
-    SyncConfiguration(db).SetSyncInterval(60);
-    SyncConfiguration(db).SetTooManyRequestsHoldSeconds(0);  // not usable: the default stays
-
-    Reopen();
-    const ScheduleEntry read = ScheduleEntryManager(db).GetScheduleEntry();
-    EXPECT_EQ(read.syncType, Daily);
-    EXPECT_EQ(read.syncInterval, 1200);
-    EXPECT_EQ(TimeText(read.syncTime), TimeText(entry.syncTime));
-    EXPECT_EQ(TimeText(read.lastChanged), TimeText(entry.lastChanged));
-    EXPECT_EQ(SyncConfiguration(db).GetSyncInterval(), 60);
-    EXPECT_EQ(SyncConfiguration(db).GetTooManyRequestsHoldSeconds(),
-              SyncConfiguration::DefaultTooManyRequestsHoldSeconds);
 }
 
 // An entry for the folder /u/Docs; arguments are separated by spaces.
