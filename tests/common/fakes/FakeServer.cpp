@@ -1,0 +1,454 @@
+#include "FakeServer.h"
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <cstdio>
+
+#include "HttpException.h"
+#include "QFileWrapper.h"
+#include "ServerPaths.h"
+
+namespace sync {
+namespace test {
+
+using sync::config::FileSynchronizationStatus;
+using sync::config::PrivilegeDelete;
+using sync::config::PrivilegeDownload;
+using sync::config::PrivilegeUpload;
+using sync::http::HttpException;
+using Folder = FakeServer::Folder;
+using File = FakeServer::File;
+using Results = FakeServer::Results;
+
+namespace {
+
+constexpr int kForbidden = 403;
+constexpr int kNotFound = 404;
+constexpr int kNotModified = 304;
+constexpr int kConflict = 409;
+// The server's clock starts here and ticks one second per write, so that listings are the same
+// on every run.
+constexpr qint64 kEpochSeconds = 1700000000;
+constexpr int kShownContentBytes = 32;
+
+// "" is the server's top folder; no path ends with "/".
+QString Normalized(QString path) {
+    while (path.endsWith(QLatin1Char('/'))) path.chop(1);
+    return path;
+}
+
+QString Hash(const QByteArray& content) {
+    return QString::fromLatin1(
+        QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex());
+}
+
+template <typename Record>
+QString ShownPath(const Record& r) {
+    return r.localPath.isEmpty() ? r.serverPath : r.localPath;
+}
+
+QString PrivilegeInfo(int privileges) {
+    return QStringLiteral("privileges %1").arg(privileges);
+}
+
+void CountFailure(Results& r, Results::Category category, const QString& path, int status) {
+    ++r.errors(category);
+    r.errorPaths(category).append(path);
+    // A failure of the local disk has no status to report.
+    if (status != 0) r.errorCodes[status] += 1;
+}
+
+void CountDone(Results& r, Results::Category category, const QString& path) {
+    ++r.done(category);
+    r.donePaths(category).append(path);
+}
+
+bool WriteFile(const QString& path, const QByteArray& content, const QDateTime& modified) {
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) return false;
+    // Flushed first: the write of buffered data would set the time again.
+    const bool written = file.write(content) == content.size() && file.flush();
+    if (modified.isValid()) file.setFileTime(modified, QFileDevice::FileModificationTime);
+    return written;
+}
+
+}  // namespace
+
+// --- Managers -------------------------------------------------------------------------------
+
+std::shared_ptr<sync::interf::IRemoteFolderManager> FakeServer::CreateRemoteFolderManager(
+    int authenticationId) {
+    if (const int status = _faults.Check(QStringLiteral("CreateRemoteFolderManager")))
+        throw HttpException(status, QStringLiteral("Unknown account %1").arg(authenticationId));
+    return shared_from_this();
+}
+
+std::shared_ptr<sync::interf::IRemoteFileManager> FakeServer::CreateRemoteFileManager(
+    int authenticationId) {
+    if (const int status = _faults.Check(QStringLiteral("CreateRemoteFileManager")))
+        throw HttpException(status, QStringLiteral("Unknown account %1").arg(authenticationId));
+    return shared_from_this();
+}
+
+int FakeServer::_Fault(const QString& operation, const QString& path) {
+    const int byOperation = _faults.Check(operation);
+    const int byPath = _faults.Check(path);
+    return byOperation != 0 ? byOperation : byPath;
+}
+
+Results FakeServer::CreateFolder(Folder& folder, const QString&, bool createParents) {
+    Results r;
+    const QString path = Normalized(folder.serverPath);
+    int status = _Fault(QStringLiteral("CreateFolder"), path);
+    if (status == 0) {
+        const Entry* existing = Find(path);
+        QString ancestor = _Parent(path);
+        while (!ancestor.isEmpty() && !Find(ancestor)) ancestor = _Parent(ancestor);
+        const Entry* above = Find(ancestor);
+        if (existing && !existing->isFolder)
+            status = kConflict;
+        else if (!existing && ancestor != _Parent(path) && !createParents)
+            status = kConflict;
+        else if (!existing && above && !(above->privileges & PrivilegeUpload))
+            status = kForbidden;
+    }
+    if (status != 0) {
+        CountFailure(r, Results::FolderServerCreation, ShownPath(folder), status);
+        return r;
+    }
+    const Entry& entry = _Put(path, true, sync::config::PrivilegeAll);
+    folder.setServerFolderId(entry.id);
+    folder.privileges = entry.privileges;
+    folder.privilegeInfo = PrivilegeInfo(entry.privileges);
+    CountDone(r, Results::FolderServerCreation, ShownPath(folder));
+    return r;
+}
+
+Results FakeServer::DeleteFolder(Folder& folder) {
+    Results r;
+    const QString path = Normalized(folder.serverPath);
+    const int status = _Fault(QStringLiteral("DeleteFolder"), path);
+    if (status != 0 && status != kNotFound)
+        throw HttpException(status, QStringLiteral("Failed to delete server folder %1").arg(path));
+    const Entry* entry = status == 0 ? Find(path) : nullptr;
+    if (entry && entry->isFolder) {
+        if (!(entry->privileges & PrivilegeDelete))
+            throw HttpException(kForbidden,
+                                QStringLiteral("No right to delete server folder %1").arg(path));
+        Remove(path);
+    }
+    CountDone(r, Results::FolderServerDeletion, ShownPath(folder));
+    return r;
+}
+
+bool FakeServer::GetFolderInfo(const Folder& folder, Folder& info) {
+    const QString path = Normalized(folder.serverPath);
+    const int status = _Fault(QStringLiteral("GetFolderInfo"), path);
+    if (status == kNotFound) return false;
+    if (status != 0)
+        throw HttpException(status, QStringLiteral("Failed to read server folder %1").arg(path));
+    if (path.isEmpty()) return true;
+    const Entry* entry = Find(path);
+    if (!entry || !entry->isFolder) return false;
+    info.setServerFolderId(entry->id);
+    info.privileges = entry->privileges;
+    info.privilegeInfo = PrivilegeInfo(entry->privileges);
+    return true;
+}
+
+int FakeServer::GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
+                              std::shared_ptr<QVector<File>> files) {
+    return _List(QStringLiteral("GetFolderTree"), root, false, folders.get(), files.get());
+}
+
+int FakeServer::GetRootFiles(Folder& root, std::shared_ptr<QVector<File>> files) {
+    return _List(QStringLiteral("GetRootFiles"), root, true, nullptr, files.get());
+}
+
+int FakeServer::_List(const QString& operation, Folder& root, bool directOnly,
+                      QVector<Folder>* folders, QVector<File>* files) {
+    const QString rootPath = Normalized(root.serverPath);
+    if (const int status = _Fault(operation, rootPath)) return status;
+    if (!rootPath.isEmpty()) {
+        const Entry* entry = Find(rootPath);
+        if (!entry || !entry->isFolder) return kNotFound;
+    }
+    const QList<const Entry*> below = _Below(rootPath, directOnly);
+
+    QString fingerprint;
+    for (const Entry* e : below)
+        fingerprint += QStringLiteral("%1 %2 %3 %4\n")
+                           .arg(e->path, e->versionId)
+                           .arg(e->privileges)
+                           .arg(e->isFolder ? 1 : 0);
+    const QString key = operation + QLatin1Char(' ') + rootPath;
+    const bool unchanged =
+        _previousListing.contains(key) && _previousListing.value(key) == fingerprint;
+    _previousListing.insert(key, fingerprint);
+    if (answersNotModified && unchanged) return kNotModified;
+
+    for (const Entry* e : below) {
+        if (e->isFolder) {
+            if (folders) folders->append(FolderRecord(*e, root));
+        } else if (files) {
+            files->append(FileRecord(*e, root));
+        }
+    }
+    root.setLastServerSyncRequestTime(QDateTime::currentDateTimeUtc());
+    return 0;
+}
+
+File FakeServer::FileRecord(const Entry& e, const Folder& root) const {
+    File f;
+    f.name = e.path.section(QLatin1Char('/'), -1);
+    f.serverPath = e.path;
+    f.localPath =
+        sync::core::JoinServerPath(root.localPath, e.path.mid(Normalized(root.serverPath).size()));
+    f.size = e.content.size();
+    f.serverFileId = e.id;
+    if (reportsHashes) f.serverChecksum = Hash(e.content);
+    f.properties.insert(QStringLiteral("version"), QString::number(e.version));
+    f.properties.insert(QStringLiteral("versionId"), e.versionId);
+    f.privileges = e.privileges;
+    f.privilegeInfo = PrivilegeInfo(e.privileges);
+    f.lastModified = e.modified;
+    f.serverModified = e.modified;
+    return f;
+}
+
+Folder FakeServer::FolderRecord(const Entry& e, const Folder& root) const {
+    Folder f;
+    f.name = e.path.section(QLatin1Char('/'), -1);
+    f.serverPath = f.path = e.path;
+    f.localPath =
+        sync::core::JoinServerPath(root.localPath, e.path.mid(Normalized(root.serverPath).size()));
+    f.setServerFolderId(e.id);
+    f.privileges = e.privileges;
+    f.privilegeInfo = PrivilegeInfo(e.privileges);
+    f.lastModified = e.modified;
+    return f;
+}
+
+// --- Transfers ------------------------------------------------------------------------------
+
+Results FakeServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
+                                QList<File>& files) {
+    if (const int status = _faults.Check(QStringLiteral("UploadFiles")))
+        throw HttpException(status, QStringLiteral("Upload refused"));
+    Results r;
+    for (File& f : files) {
+        const QString path = Normalized(f.serverPath);
+        int status = _Fault(QStringLiteral("Upload"), path);
+        const Entry* existing = Find(path);
+        const Entry* parent = Find(_Parent(path));
+        if (status == 0) {
+            if ((existing && existing->isFolder) || (!parent && !_Parent(path).isEmpty()))
+                status = kConflict;
+            else if ((existing && !(existing->privileges & PrivilegeUpload)) ||
+                     (parent && !(parent->privileges & PrivilegeUpload)))
+                status = kForbidden;
+        }
+        QFile local(f.localPath);
+        bool read = false;
+        QByteArray content;
+        if (status == 0 && local.open(QIODevice::ReadOnly)) {
+            content = local.readAll();
+            read = local.error() == QFileDevice::NoError;
+        }
+        if (status != 0 || !read) {
+            f.syncStatus = FileSynchronizationStatus::OutOfSync;
+            CountFailure(r, Results::FileServerCreation, ShownPath(f), status);
+            continue;
+        }
+        Entry& entry = _Put(path, false, sync::config::PrivilegeAll);
+        _Write(entry, content);
+        f.serverFileId = entry.id;
+        f.serverChecksum = reportsHashes ? Hash(content) : QString();
+        f.properties.insert(QStringLiteral("version"), QString::number(entry.version));
+        f.properties.insert(QStringLiteral("versionId"), entry.versionId);
+        f.size = content.size();
+        f.syncStatus = FileSynchronizationStatus::Synchronized;
+        CountDone(r, Results::FileServerCreation, ShownPath(f));
+    }
+    return r;
+}
+
+Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, const Folder& root,
+                                  QList<sync::thread::SynchronizedFileConfiguration>& files) {
+    const int wholeCall = _faults.Check(QStringLiteral("DownloadFiles"));
+    Results r;
+    for (sync::thread::SynchronizedFileConfiguration& pair : files) {
+        File& f = pair.serverRecord;
+        const QString target = f.localPath.isEmpty() ? pair.databaseRecord.localPath : f.localPath;
+        const QString path =
+            Normalized(f.serverPath.isEmpty() ? pair.databaseRecord.serverPath : f.serverPath);
+        const int byFile = _Fault(QStringLiteral("Download"), path);
+        int status = wholeCall != 0 ? wholeCall : byFile;
+        const Entry* entry = Find(path);
+        if (status == 0 && (!entry || entry->isFolder)) status = kNotFound;
+        if (status == 0 && !(entry->privileges & PrivilegeDownload)) status = kForbidden;
+
+        const QString temporary = sync::core::QFileWrapper(target).GetTemporaryFile(root.localPath);
+        auto writeTemporary = [&](const QByteArray& content, const QDateTime& modified) {
+            return QDir().mkpath(QFileInfo(temporary).absolutePath()) &&
+                   WriteFile(temporary, content, modified);
+        };
+        bool stored = false;
+        if (status != 0) {
+            if (entry) writeTemporary(entry->content.left(entry->content.size() / 2), {});
+        } else if (QFileInfo(QFileInfo(target).absolutePath()).isDir() &&
+                   writeTemporary(entry->content, entry->modified)) {
+            stored = std::rename(QFile::encodeName(temporary).constData(),
+                                 QFile::encodeName(target).constData()) == 0;
+            if (!stored) QFile::remove(temporary);
+        }
+        const FileSynchronizationStatus outcome =
+            stored ? FileSynchronizationStatus::Synchronized : FileSynchronizationStatus::OutOfSync;
+        f.syncStatus = pair.databaseRecord.syncStatus = outcome;
+        if (!stored) {
+            CountFailure(r, Results::FileLocalCreation, target, status);
+            continue;
+        }
+        f.size = entry->content.size();
+        f.serverFileId = entry->id;
+        f.serverChecksum = reportsHashes ? Hash(entry->content) : QString();
+        f.properties.insert(QStringLiteral("version"), QString::number(entry->version));
+        f.properties.insert(QStringLiteral("versionId"), entry->versionId);
+        f.privileges = entry->privileges;
+        f.lastModified = entry->modified;
+        CountDone(r, Results::FileLocalCreation, target);
+    }
+    return r;
+}
+
+Results FakeServer::DeleteFiles(const Folder&, QList<File>& files) {
+    const int wholeCall = _faults.Check(QStringLiteral("DeleteFiles"));
+    Results r;
+    for (File& f : files) {
+        const QString path = Normalized(f.serverPath);
+        const int byFile = _Fault(QStringLiteral("DeleteFile"), path);
+        int status = wholeCall != 0 ? wholeCall : byFile;
+        const Entry* entry = Find(path);
+        if (status == 0 && entry && entry->isFolder) status = kConflict;
+        if (status == 0 && entry && !(entry->privileges & PrivilegeDelete)) status = kForbidden;
+        if (status != 0) {
+            CountFailure(r, Results::FileServerDeletion, ShownPath(f), status);
+            continue;
+        }
+        // A file already gone counts as deleted.
+        if (entry) _entries.remove(path);
+        CountDone(r, Results::FileServerDeletion, ShownPath(f));
+    }
+    return r;
+}
+
+QString FakeServer::BuildUrl(const sync::config::ServerConfiguration& server,
+                             const QString& serverPath) {
+    return sync::core::JoinServerPath(Normalized(server.baseUrl), serverPath);
+}
+
+// --- The test's side ------------------------------------------------------------------------
+
+QString FakeServer::_Parent(const QString& path) {
+    const int slash = path.lastIndexOf(QLatin1Char('/'));
+    return slash <= 0 ? QString() : path.left(slash);
+}
+
+FakeServer::Entry& FakeServer::_Put(const QString& path, bool isFolder, int privileges) {
+    const QString parent = _Parent(path);
+    if (!parent.isEmpty() && !_entries.contains(parent))
+        _Put(parent, true, sync::config::PrivilegeAll);
+    auto it = _entries.find(path);
+    if (it != _entries.end() && it->isFolder == isFolder) return *it;
+    if (it != _entries.end()) Remove(path);
+    Entry e;
+    e.isFolder = isFolder;
+    e.path = path;
+    e.id = QStringLiteral("sid-%1").arg(++_lastId);
+    e.privileges = privileges;
+    e.modified = QDateTime::fromSecsSinceEpoch(kEpochSeconds + ++_clock, Qt::UTC);
+    return *_entries.insert(path, e);
+}
+
+void FakeServer::_Write(Entry& entry, const QByteArray& content) {
+    entry.content = content;
+    ++entry.version;
+    entry.versionId = QStringLiteral("vid-%1").arg(++_lastVersionId);
+    entry.modified = QDateTime::fromSecsSinceEpoch(kEpochSeconds + ++_clock, Qt::UTC);
+}
+
+void FakeServer::PutFolder(const QString& path, int privileges) {
+    if (Normalized(path).isEmpty()) return;  // the server's top folder always exists
+    _Put(Normalized(path), true, privileges).privileges = privileges;
+}
+
+void FakeServer::PutFile(const QString& path, const QByteArray& content, int privileges) {
+    if (Normalized(path).isEmpty()) return;
+    Entry& entry = _Put(Normalized(path), false, privileges);
+    entry.privileges = privileges;
+    _Write(entry, content);
+}
+
+void FakeServer::Remove(const QString& path) {
+    const QString normalized = Normalized(path);
+    const QString prefix = normalized + QLatin1Char('/');
+    for (auto it = _entries.begin(); it != _entries.end();)
+        it = it.key() == normalized || it.key().startsWith(prefix) ? _entries.erase(it)
+                                                                   : std::next(it);
+}
+
+void FakeServer::SetPrivileges(const QString& path, int privileges) {
+    const auto it = _entries.find(Normalized(path));
+    if (it != _entries.end()) it->privileges = privileges;
+}
+
+const FakeServer::Entry* FakeServer::Find(const QString& path) const {
+    const auto it = _entries.constFind(Normalized(path));
+    return it == _entries.constEnd() ? nullptr : &*it;
+}
+
+QList<const FakeServer::Entry*> FakeServer::_Below(const QString& rootPath, bool directOnly) const {
+    QList<const Entry*> below;
+    const QString prefix = rootPath + QLatin1Char('/');
+    for (const Entry& e : _entries) {
+        if (!e.path.startsWith(prefix)) continue;
+        if (directOnly && _Parent(e.path) != rootPath) continue;
+        below.append(&e);
+    }
+    return below;
+}
+
+QStringList FakeServer::Listing() const {
+    QStringList lines;
+    for (const Entry& e : _entries) {
+        QString line = e.isFolder ? QStringLiteral("server %1/").arg(e.path)
+                                  : QStringLiteral("server %1 v%2 %3")
+                                        .arg(e.path)
+                                        .arg(e.version)
+                                        .arg(ContentText(e.content));
+        if (e.privileges != sync::config::PrivilegeAll)
+            line += QStringLiteral(" privileges %1").arg(e.privileges);
+        lines.append(line);
+    }
+    lines.sort();
+    return lines;
+}
+
+QString FakeServer::ContentText(const QByteArray& content) {
+    QString text = QStringLiteral("\"");
+    for (const char c : content.left(kShownContentBytes)) {
+        if (c >= 0x20 && c < 0x7f && c != '"' && c != '\\')
+            text += QLatin1Char(c);
+        else
+            text +=
+                QStringLiteral("\\x%1").arg(static_cast<unsigned char>(c), 2, 16, QLatin1Char('0'));
+    }
+    if (content.size() > kShownContentBytes)
+        return text + QStringLiteral("...\" (%1 bytes)").arg(content.size());
+    return text + QLatin1Char('"');
+}
+
+}  // namespace test
+}  // namespace sync
