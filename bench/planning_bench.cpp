@@ -22,6 +22,7 @@
 #include "ConfigDatabase.h"
 #include "ConfigEntryInfoTreeRetriever.h"
 #include "CoreFactory.h"
+#include "ExcludedEntryPruner.h"
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
 #include "FolderUtilities.h"
@@ -268,6 +269,10 @@ int main(int argc, char** argv) {
     const auto serverTree = ServerListing(*configTree);  // not timed: stands for the server
 
     timer.restart();
+    ExcludedEntryPruner::Prune(root.serverPath, *configTree, *localTree, *serverTree);
+    const qint64 pruneNs = timer.nsecsElapsed();
+
+    timer.restart();
     const EntryInfoTreeChange localChange = localDiffer.Diff(*configTree, *localTree, false);
     const qint64 localDiffNs = timer.nsecsElapsed();
 
@@ -275,7 +280,7 @@ int main(int argc, char** argv) {
     const EntryInfoTreeChange serverChange = serverDiffer.Diff(*configTree, *serverTree, true);
     const qint64 serverDiffNs = timer.nsecsElapsed();
 
-    const double total = (localNs + configNs + localDiffNs + serverDiffNs) / 1e9;
+    const double total = (localNs + configNs + pruneNs + localDiffNs + serverDiffNs) / 1e9;
     const int changes =
         localChange.getFileActionMap().size() + localChange.getFolderActionMap().size() +
         serverChange.getFileActionMap().size() + serverChange.getFolderActionMap().size();
@@ -283,6 +288,7 @@ int main(int argc, char** argv) {
                 int(localTree->fileMap.size()), int(localTree->folderMap.size()));
     std::printf("config tree:  %8.3f s  (%d files, %d folders)\n", configNs / 1e9,
                 int(configTree->fileMap.size()), int(configTree->folderMap.size()));
+    std::printf("excluded:     %8.3f s  (hidden entries left out)\n", pruneNs / 1e9);
     std::printf("local diff:   %8.3f s\n", localDiffNs / 1e9);
     std::printf("server diff:  %8.3f s\n", serverDiffNs / 1e9);
     std::printf("total:        %8.3f s  (limit 1.000 s)\n", total);

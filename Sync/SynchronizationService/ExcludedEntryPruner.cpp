@@ -1,5 +1,7 @@
 #include "ExcludedEntryPruner.h"
 
+#include <QStringList>
+
 #include "SyncConsts.h"
 #include "SyncLog.h"
 
@@ -25,34 +27,36 @@ public:
     // The local tree holds a hidden file or one inside the engine's own folders only on
     // purpose: a generated file that the database records. Those rules spare it.
     bool FileExcluded(const QString& key) const {
-        return _files.contains(key) ||
-               _BelowRootExcluded(key, /*isFolder=*/false, !_localFiles.contains(key));
+        if (!_files.isEmpty() && _files.contains(key)) return true;
+        return _BelowRootExcluded(key, /*isFolder=*/false);
     }
     bool FolderExcluded(const QString& key) const {
-        return _BelowRootExcluded(key, /*isFolder=*/true, /*nameRulesApply=*/true);
+        return _BelowRootExcluded(key, /*isFolder=*/true);
     }
 
 private:
     // Walks the key's components below the root: a component that names an excluded folder,
     // a hidden entry or one of the engine's own folders excludes the key.
-    bool _BelowRootExcluded(const QString& key, bool isFolder, bool nameRulesApply) const {
+    bool _BelowRootExcluded(const QString& key, bool isFolder) const {
         if (!key.startsWith(_rootKey) || key.size() <= _rootKey.size() + 1 ||
             key.at(_rootKey.size()) != QLatin1Char('/'))
             return false;  // the root itself, or an entry outside it
-        // Most cycles exclude nothing; a tree of 100,000 keys is checked on every cycle.
-        if (_folders.isEmpty() &&
-            (!nameRulesApply || (!_hidden && !key.contains(QLatin1String(".{sync")))))
+        // Every key of every tree is checked on every cycle. Both name rules need a name that
+        // starts with ".", so one search settles almost every key.
+        const bool dotName = key.indexOf(QLatin1String("/."), _rootKey.size()) >= 0;
+        if (_folders.isEmpty() && !dotName) return false;
+        const bool nameRulesApply = dotName && (isFolder || !_localFiles.contains(key));
+        if (nameRulesApply && _hidden) return true;
+        if (_folders.isEmpty() && !(nameRulesApply && key.contains(QLatin1String(".{sync"))))
             return false;
         int start = _rootKey.size() + 1;
         while (start <= key.size()) {
             int end = key.indexOf(QLatin1Char('/'), start);
             if (end < 0) end = key.size();
             const bool last = end == key.size();
-            const QString component = key.mid(start, end - start);
-            if (nameRulesApply) {
-                if (_hidden && component.startsWith(QLatin1Char('.'))) return true;
-                if ((!last || isFolder) && _IsEngineFolderName(component)) return true;
-            }
+            if (nameRulesApply && (!last || isFolder) &&
+                _IsEngineFolderName(key.mid(start, end - start)))
+                return true;
             if ((!last || isFolder) && !_folders.isEmpty() && _folders.contains(key.left(end)))
                 return true;
             start = end + 1;
@@ -73,18 +77,14 @@ private:
     QSet<QString> _files;
 };
 
+// Finds before it removes: a map shared with another tree is copied only when something goes.
 template <typename Map, typename Excluded>
 int RemoveIf(Map& map, Excluded excluded) {
-    int removed = 0;
-    for (auto it = map.begin(); it != map.end();) {
-        if (excluded(it.key())) {
-            it = map.erase(it);
-            ++removed;
-        } else {
-            ++it;
-        }
-    }
-    return removed;
+    QStringList doomed;
+    for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+        if (excluded(it.key())) doomed.append(it.key());
+    for (const QString& key : doomed) map.remove(key);
+    return doomed.size();
 }
 
 }  // namespace
