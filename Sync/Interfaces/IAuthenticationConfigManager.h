@@ -7,8 +7,8 @@ namespace interf {
 class IAuthenticationConfigManager {
 public:
     virtual ~IAuthenticationConfigManager() = default;
-    // Deletes the account; an unknown id is not an error. Throws std::runtime_error when the
-    // database cannot be written.
+    // Deletes the account; an unknown id is not an error. Throws sync::database::DatabaseException
+    // when the database cannot be written.
     virtual void RemoveAuthentication(int authenticationId) = 0;
 };
 

@@ -9,8 +9,10 @@ namespace sync {
 namespace interf {
 
 // File records of the configuration database. Lookups that find nothing answer a record with
-// id -1. Every operation throws std::runtime_error (naming the database file) when the
-// database cannot be read or written; reads see the writes of the open transaction.
+// id -1. Every operation throws sync::database::DatabaseException (a std::runtime_error naming
+// the database file) when the database cannot be read or written, and, once, when the last
+// batch of writes could not be committed as its TransactionalScope ended; reads see the writes
+// of the open transaction.
 class IFileConfigManager {
 public:
     virtual ~IFileConfigManager() = default;

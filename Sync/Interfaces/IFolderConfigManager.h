@@ -9,9 +9,11 @@ namespace sync {
 namespace interf {
 
 // Folder records of the configuration database. Lookups that find nothing answer a record
-// with id -1. Operations throw std::runtime_error (naming the database file) when the
-// database cannot be read; writes answer false when they fail. A root folder record's rootId
-// equals its id; reads see the writes of the open transaction.
+// with id -1. Operations throw sync::database::DatabaseException (a std::runtime_error naming
+// the database file) when the database cannot be read; writes answer false when they fail. A
+// batch of writes that could not be committed when its TransactionalScope ended is reported
+// once, by that exception from the next operation. A root folder record's rootId equals its
+// id; reads see the writes of the open transaction.
 class IFolderConfigManager {
 public:
     virtual ~IFolderConfigManager() = default;

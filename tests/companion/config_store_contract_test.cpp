@@ -623,7 +623,7 @@ TYPED_TEST(ConfigStoreContract, AScopeUnwoundByAnExceptionTakesItsWritesBackAndO
     EXPECT_EQ(names.join(' ').toStdString(), "kept");
 }
 
-// The database cannot be made to fail a COMMIT from here; the fake does what its tests prove.
+// The SQLite side of this rule is proven with real failed commits in the transaction tests.
 TEST(FakeConfigStore, ABatchLostAtTheEndOfItsScopeIsReportedByTheNextCallOnce) {
     auto store = std::make_shared<sync::test::FakeConfigStore>();
     TransactionalScope::SetBackend(store->TransactionBackend());
