@@ -8,37 +8,12 @@
 #include <QVector>
 #include <memory>
 
-#include "ConfigManagerMocks.h"
 #include "CoreFactory.h"
-#include "ICheckForExit.h"
 #include "ICryptographicHash.h"
-#include "IFileConfigManager.h"
 #include "ISyncFilter.h"
 
 namespace sync {
 namespace test {
-
-// Answers "stop" from the n-th question on (never when n is negative).
-class CountingCheckForExit : public sync::interf::ICheckForExit {
-public:
-    bool ShouldExit() override { return stopAt >= 0 && ++asked >= stopAt; }
-    bool ShouldExitThread() override { return false; }
-    int stopAt = -1;
-    int asked = 0;
-};
-
-// The machine's own core services, with an exit checker and, optionally, a walker that the
-// test controls.
-class TestCoreFactory : public sync::factory::CoreFactory {
-public:
-    std::shared_ptr<sync::interf::ICheckForExit> CreateCheckForExit() override { return exit; }
-    std::shared_ptr<sync::interf::IQDirIteratorWrapper> CreateQDirIterator(
-        const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags) override {
-        return walker ? walker : CoreFactory::CreateQDirIterator(path, filters, flags);
-    }
-    std::shared_ptr<CountingCheckForExit> exit = std::make_shared<CountingCheckForExit>();
-    std::shared_ptr<sync::interf::IQDirIteratorWrapper> walker;
-};
 
 // Excludes the paths it is given (compared exactly) and records what it was asked.
 class ListSyncFilter : public sync::interf::ISyncFilter {

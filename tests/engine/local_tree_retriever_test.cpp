@@ -5,6 +5,8 @@
 #include <QFile>
 #include <QTemporaryDir>
 
+#include "FakeConfigStore.h"
+#include "FakeCore.h"
 #include "LocalEntryInfoTreeRetriever.h"
 #include "LogCapture.h"
 #include "RetrieverTestDoubles.h"
@@ -17,8 +19,6 @@ using sync::config::FolderConfiguration;
 using sync::core::consts::LOCAL_FILE_MAX_PATH;
 using sync::core::consts::LOCAL_FOLDER_MAX_PATH;
 using sync::syncService::LocalEntryInfoTreeRetriever;
-using ::testing::_;
-using ::testing::Return;
 
 namespace {
 
@@ -36,7 +36,7 @@ QString Keys(QStringList keys) {
 }
 template <typename Map>
 QString Keys(const Map& map) {
-    return Keys(map.keys());
+    return Keys(QStringList(map.keys()));  // a QList<QString> under Qt 5
 }
 
 // Lists the paths it is given as files, with no need for them to exist.
@@ -84,6 +84,16 @@ private:
     int _index = -1;
 };
 
+// The fake core, whose walk a test can replace.
+class WalkerCore : public FakeCore {
+public:
+    std::shared_ptr<sync::interf::IQDirIteratorWrapper> CreateQDirIterator(
+        const QString& path, QDir::Filters filters, QDirIterator::IteratorFlags flags) override {
+        return walker ? walker : FakeCore::CreateQDirIterator(path, filters, flags);
+    }
+    std::shared_ptr<sync::interf::IQDirIteratorWrapper> walker;
+};
+
 class LocalTreeRetrieverTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -103,14 +113,30 @@ protected:
 
     QString At(const QString& below) const { return rootPath + '/' + below; }
 
+    // A generated file's record, as the engine keeps one for a file it made from another.
+    int AddGenerated(const QString& below, int parentFileId) {
+        FileConfiguration g;
+        g.rootId = root.id;
+        g.isGenerated = 1;
+        g.localPath = At(below);
+        g.serverPath = "/Docs/" + below;
+        g.parentFileId = parentFileId;
+        store->AddFile(g);
+        return g.id;
+    }
+    QList<int> GeneratedIds() {
+        QList<int> ids;
+        for (const FileConfiguration& f : store->GetGeneratedFilesByRootId(root.id)) ids << f.id;
+        return ids;
+    }
+
     QTemporaryDir tmp;
     const QString rootPath = tmp.filePath("Docs");
     FolderConfiguration root;
-    std::shared_ptr<::testing::NiceMock<MockFileConfigManager>> fileDb =
-        std::make_shared<::testing::NiceMock<MockFileConfigManager>>();
+    std::shared_ptr<FakeConfigStore> store = std::make_shared<FakeConfigStore>();
     std::shared_ptr<ListSyncFilter> filter = std::make_shared<ListSyncFilter>();
-    std::shared_ptr<TestCoreFactory> core = std::make_shared<TestCoreFactory>();
-    LocalEntryInfoTreeRetriever retriever{nullptr, fileDb, core, filter, filter};
+    std::shared_ptr<WalkerCore> core = std::make_shared<WalkerCore>();
+    LocalEntryInfoTreeRetriever retriever{nullptr, store, core, filter, filter};
     QStringList fileSignals, folderSignals, notAllowedSignals;
 };
 
@@ -310,9 +336,10 @@ TEST_F(LocalTreeRetrieverTest, UnreadableFolderStopsTheWalk) {
                           QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
 }
 
+// Before the generated files are checked: they would all look missing.
 TEST_F(LocalTreeRetrieverTest, MissingRootThrows) {
+    const int generated = AddGenerated("missing.gen", -1);  // removed once checked
     root.localPath = At("gone");
-    EXPECT_CALL(*fileDb, GetGeneratedFilesByRootId(_, _)).Times(0);
     try {
         retriever.GetEntryInfoTree(root);
         FAIL() << "no exception";
@@ -320,37 +347,29 @@ TEST_F(LocalTreeRetrieverTest, MissingRootThrows) {
         EXPECT_EQ("The local root folder for " + root.localPath + " seems to be missing.",
                   e.message);
     }
+    EXPECT_TRUE(GeneratedIds().contains(generated));
 }
 
 TEST_F(LocalTreeRetrieverTest, GeneratedFilesAreCheckedAndRepaired) {
     for (const char* below : {"a.txt", ".{SyncTemp}/kept.gen", ".{SyncTemp}/orphan.gen"})
         WriteFile(At(below));
-    auto generated = [this](int id, const QString& below, int parentId) {
-        FileConfiguration g;
-        g.id = id;
-        g.localPath = At(below);
-        g.serverPath = "/Docs/" + below;
-        g.parentFileId = parentId;
-        return g;
-    };
     FileConfiguration parent;
-    parent.id = 100;
-    ON_CALL(*fileDb, GetGeneratedFilesByRootId(1, false))
-        .WillByDefault(Return(QVector<FileConfiguration>{
-            generated(50, ".{SyncTemp}/kept.gen", 100), generated(51, "missing.gen", 100),
-            generated(52, ".{SyncTemp}/orphan.gen", 101), generated(53, "a.txt", 100)}));
-    ON_CALL(*fileDb, GetFileById(100)).WillByDefault(Return(parent));
-    EXPECT_CALL(*fileDb, RemoveGeneratedFile(_)).Times(0);
-    EXPECT_CALL(*fileDb, RemoveGeneratedFile(51));
-    EXPECT_CALL(*fileDb, RemoveGeneratedFile(52));
+    parent.rootId = root.id;
+    store->AddFile(parent);
+    const int kept = AddGenerated(".{SyncTemp}/kept.gen", parent.id);
+    AddGenerated("missing.gen", parent.id);
+    AddGenerated(".{SyncTemp}/orphan.gen", parent.id + 100);
+    const int overlay = AddGenerated("a.txt", parent.id);
     LogCapture log;
 
     auto tree = retriever.GetEntryInfoTree(root);
 
     // A generated record replaces the scanned file under the same key.
     EXPECT_EQ(".{synctemp}/kept.gen a.txt", Keys(tree->fileMap));
-    EXPECT_EQ(50, tree->fileMap.value("/docs/.{synctemp}/kept.gen").id);
-    EXPECT_EQ(53, tree->fileMap.value("/docs/a.txt").id);
+    EXPECT_EQ(kept, tree->fileMap.value("/docs/.{synctemp}/kept.gen").id);
+    EXPECT_EQ(overlay, tree->fileMap.value("/docs/a.txt").id);
+    // The records of a missing file and of a file without its source are gone for good.
+    EXPECT_EQ((QList<int>{kept, overlay}), GeneratedIds());
     EXPECT_FALSE(QFile::exists(At(".{SyncTemp}/orphan.gen")));
     EXPECT_EQ(QStringList({"Generated file not found: " + At("missing.gen"),
                            "Parent file record not found for generated file: " +
@@ -361,11 +380,12 @@ TEST_F(LocalTreeRetrieverTest, GeneratedFilesAreCheckedAndRepaired) {
 TEST_F(LocalTreeRetrieverTest, ExitRequestReturnsThePartialTreeAtOnce) {
     WriteFile(At("a.txt"));
     WriteFile(At("b.txt"));
-    core->exit->stopAt = 2;
-    EXPECT_CALL(*fileDb, GetGeneratedFilesByRootId(_, _)).Times(0);
+    const int generated = AddGenerated("missing.gen", -1);  // removed once checked
+    core->StopAfterPolls(1);
     auto tree = retriever.GetEntryInfoTree(root);
     EXPECT_EQ(1, tree->fileMap.size());
-    EXPECT_EQ(2, core->exit->asked);
+    EXPECT_EQ(2, core->Polls());
+    EXPECT_TRUE(GeneratedIds().contains(generated));
 }
 
 }  // namespace

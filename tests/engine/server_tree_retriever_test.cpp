@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+
+#include "FakeCore.h"
+#include "FakeServer.h"
 #include "HttpException.h"
-#include "IRemoteFileManagerFactory.h"
-#include "IRemoteFolderManagerFactory.h"
 #include "LogCapture.h"
 #include "RetrieverTestDoubles.h"
 #include "ServerConfigTreeDiffer.h"
@@ -22,67 +24,34 @@ namespace {
 
 const QString kRootLocal = "/home/u/Docs";
 constexpr int kAccount = 7;
+const QByteArray kContent = "content";
 
-// A server that answers both walks of the root's account with one code and one listing.
-class FakeServer : public sync::interf::IRemoteFolderManager,
-                   public sync::interf::IRemoteFileManager,
-                   public sync::interf::factory::IRemoteFolderManagerFactory,
-                   public sync::interf::factory::IRemoteFileManagerFactory,
-                   public std::enable_shared_from_this<FakeServer> {
+// The fake server, whose whole-tree listing can name one file twice, as a server that pages its
+// answer may.
+class ListingServer : public FakeServer {
 public:
-    using Folder = FolderConfiguration;
-    using File = FileConfiguration;
-    sync::core::SyncResults CreateFolder(Folder&, const QString&, bool) override { return {}; }
-    sync::core::SyncResults DeleteFolder(Folder&) override { return {}; }
-    bool GetFolderInfo(const Folder&, Folder&) override { return false; }
-    int GetFolderTree(Folder&, std::shared_ptr<QVector<Folder>> outFolders,
-                      std::shared_ptr<QVector<File>> outFiles) override {
-        *outFolders = folders;
-        *outFiles = files;
-        return code;
+    int GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
+                      std::shared_ptr<QVector<File>> files) override {
+        const int status = FakeServer::GetFolderTree(root, folders, files);
+        if (status == 0 && Find(listedTwice)) files->append(FileRecord(*Find(listedTwice), root));
+        return status;
     }
-    int GetRootFiles(Folder&, std::shared_ptr<QVector<File>> outFiles) override {
-        *outFiles = files;
-        return code;
-    }
-    std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(int id) override {
-        EXPECT_EQ(kAccount, id);
-        return shared_from_this();
-    }
-    std::shared_ptr<sync::interf::IRemoteFileManager> CreateRemoteFileManager(int id) override {
-        EXPECT_EQ(kAccount, id);
-        return shared_from_this();
-    }
-    int code = 0;
-    QVector<Folder> folders;
-    QVector<File> files;
+    QString listedTwice;
 };
-
-template <typename Record>
-Record ServerEntry(const QString& below) {
-    Record r;
-    r.serverPath = "/Docs/" + below;
-    r.localPath = kRootLocal + '/' + below;
-    r.name = below.section('/', -1);
-    return r;
-}
-
-// The checksum does not depend on the letter case of the path.
-FileConfiguration ServerFile(const QString& below, qint64 size = 10) {
-    auto f = ServerEntry<FileConfiguration>(below);
-    f.size = size;
-    f.serverFileId = "id-" + below;
-    f.serverChecksum = "sum-" + below.toLower();
-    return f;
-}
 
 // A name that makes kRootLocal + "/" + prefix + name exactly `length` characters long.
 QString PaddedBelow(const QString& prefix, int length) {
     return prefix + QString(length - kRootLocal.size() - 1 - prefix.size(), 'x');
 }
 
-QStringList Sorted(QStringList list) {
-    list.sort();
+// The tree key of an entry below the root.
+QString Key(const QString& below) {
+    return ("/Docs/" + below).toLower();
+}
+
+template <typename T>
+T Sorted(T list) {
+    std::sort(list.begin(), list.end());
     return list;
 }
 
@@ -95,7 +64,8 @@ protected:
         root.localPath = kRootLocal;
         root.syncScope = 0;
         root.setSyncStatus(FolderSynchronizationStatus::Synchronized);
-        server->files = {ServerFile("a.txt")};
+        server->accounts = {kAccount};  // a manager for any other account fails
+        server->PutFolder("/Docs");
         auto into = [](QStringList& list) { return [&list](const QString& p) { list << p; }; };
         QObject::connect(&retriever, &ServerEntryInfoTreeRetriever::FileFilteredOut,
                          into(fileSignals));
@@ -104,8 +74,8 @@ protected:
     }
 
     FolderConfiguration root;
-    std::shared_ptr<TestCoreFactory> core = std::make_shared<TestCoreFactory>();
-    std::shared_ptr<FakeServer> server = std::make_shared<FakeServer>();
+    std::shared_ptr<FakeCore> core = std::make_shared<FakeCore>();
+    std::shared_ptr<ListingServer> server = std::make_shared<ListingServer>();
     std::shared_ptr<ListSyncFilter> filter = std::make_shared<ListSyncFilter>();
     ServerEntryInfoTreeRetriever retriever{nullptr, nullptr, core, server, server, filter, filter};
     QStringList fileSignals, folderSignals;
@@ -142,7 +112,12 @@ TEST_F(ServerTreeRetrieverTest, AnswersDecideTreeFlagAndException) {
         root.syncScope = row.syncScope;
         root.setSyncStatus(row.neverSynced ? FolderSynchronizationStatus::NotSynchronized
                                            : FolderSynchronizationStatus::Synchronized);
-        server->code = row.code;
+        server->ClearFaults();
+        server->answersNotModified = row.code == 304;
+        server->PutFile("/Docs/a.txt", kContent);  // there, and changed since any listing
+        if (row.code == 304) retriever.GetEntryInfoTree(root);  // nothing changes after it
+        if (row.code == 404) server->Remove("/Docs");
+        if (row.code >= 500) server->FailOn("/Docs", row.code);
         // The flag must be reset by each retrieval, not just start out true.
         retriever.treeModified = false;
         try {
@@ -158,61 +133,62 @@ TEST_F(ServerTreeRetrieverTest, AnswersDecideTreeFlagAndException) {
     }
 }
 
-// Filters and length limits apply alike to both walks.
+// Filters and length limits apply alike to both walks; the root-only walk sees the root's own
+// files only.
 TEST_F(ServerTreeRetrieverTest, FiltersAndLengthLimits) {
     const QString longFolder = PaddedBelow("f", LOCAL_FOLDER_MAX_PATH);
-    const QVector<FileConfiguration> files = {
-        ServerFile("kept.txt"),
-        ServerFile("excluded.tmp", 42),
-        ServerFile(PaddedBelow("s", LOCAL_FILE_MAX_PATH - 1)),
-        ServerFile(PaddedBelow("t", LOCAL_FILE_MAX_PATH)),
-        // Reported once, through its folder.
-        ServerFile(longFolder + '/' + QString(LOCAL_FILE_MAX_PATH - LOCAL_FOLDER_MAX_PATH, 'n')),
-        // A file below an excluded folder is judged on its own.
-        ServerFile("Private/inner.txt"),
-    };
-    const QVector<FolderConfiguration> folders = {
-        ServerEntry<FolderConfiguration>("Sub"),
-        ServerEntry<FolderConfiguration>("Private"),
-        ServerEntry<FolderConfiguration>(PaddedBelow("g", LOCAL_FOLDER_MAX_PATH - 1)),
-        ServerEntry<FolderConfiguration>(longFolder),
-    };
+    const QString fileBelowLimit = PaddedBelow("s", LOCAL_FILE_MAX_PATH - 1),
+                  fileAtLimit = PaddedBelow("t", LOCAL_FILE_MAX_PATH),
+                  // Reported once, through its folder.
+        fileInLongFolder =
+            longFolder + '/' + QString(LOCAL_FILE_MAX_PATH - LOCAL_FOLDER_MAX_PATH, 'n');
+    // A file below an excluded folder is judged on its own.
+    for (const QString& below : {QString("kept.txt"), fileBelowLimit, fileAtLimit, fileInLongFolder,
+                                 QString("Private/inner.txt")})
+        server->PutFile("/Docs/" + below, kContent);
+    server->PutFile("/Docs/excluded.tmp", QByteArray(42, 'x'));
+    const QString folderBelowLimit = PaddedBelow("g", LOCAL_FOLDER_MAX_PATH - 1);
+    server->PutFolder("/Docs/Sub");
+    server->PutFolder("/Docs/" + folderBelowLimit);
     filter->excluded = QStringList{"/Docs/excluded.tmp", "/Docs/Private"};
-    server->files = files;
-    server->folders = folders;
 
     for (int scope : {0, 1}) {
         SCOPED_TRACE(scope == 0 ? "WholeTree" : "RootOnly");
+        const bool whole = scope == 0;
         root.syncScope = scope;
         filter->sizes.clear();
         fileSignals.clear();
         LogCapture log;
         auto tree = retriever.GetEntryInfoTree(root);
 
-        EXPECT_EQ(QStringList(
-                      {"/docs/kept.txt", "/docs/private/inner.txt", files[2].serverPath.toLower()}),
-                  Sorted(tree->fileMap.keys()));
-        EXPECT_EQ(QStringList({"/Docs/excluded.tmp", files[3].serverPath}), fileSignals);
-        EXPECT_EQ(42, filter->sizes.value(1));
+        QStringList kept{Key("kept.txt"), Key(fileBelowLimit)},
+            excluded{Key("excluded.tmp"), Key(fileAtLimit)};
+        if (whole) {
+            kept << Key("Private/inner.txt");
+            excluded << Key(fileInLongFolder);
+        }
+        EXPECT_EQ(Sorted(kept), Sorted(tree->fileMap.keys()));
+        EXPECT_EQ(QStringList({"/Docs/excluded.tmp", "/Docs/" + fileAtLimit}), fileSignals);
+        QVector<qint64> sizes(whole ? 5 : 3, kContent.size());
+        sizes << 42;
+        EXPECT_EQ(sizes, Sorted(filter->sizes));
         EXPECT_FALSE(filter->sides.contains(false));
         EXPECT_TRUE(log.Contains(log4cplus::DEBUG_LOG_LEVEL,
                                  "Filtered out server file /Docs/excluded.tmp"));
-        const QString summary = "Filtered out 3 server file(s) and %1 folder(s)";
-        EXPECT_EQ(QStringList{summary.arg(scope == 0 ? 2 : 0)},
+        const QString summary = "Filtered out %1 server file(s) and %2 folder(s)";
+        EXPECT_EQ(QStringList{summary.arg(whole ? 3 : 2).arg(whole ? 2 : 0)},
                   log.Messages(log4cplus::INFO_LOG_LEVEL));
         // What was left out stays out of planning, for this side and the other.
-        EXPECT_EQ(Sorted({files[1].serverPath.toLower(), files[3].serverPath.toLower(),
-                          files[4].serverPath.toLower()}),
-                  Sorted(tree->excludedFileKeys.values()));
-        if (scope == 1) {
+        EXPECT_EQ(Sorted(excluded), Sorted(QStringList(tree->excludedFileKeys.values())));
+        if (!whole) {
             EXPECT_EQ(QStringList{"/docs"}, tree->folderMap.keys());
             continue;
         }
-        EXPECT_EQ(Sorted({"/docs/private", folders[3].serverPath.toLower()}),
-                  Sorted(tree->excludedFolderKeys.values()));
-        EXPECT_EQ(QStringList({"/docs", folders[2].serverPath.toLower(), "/docs/sub"}),
+        EXPECT_EQ(Sorted(QStringList{Key("Private"), Key(longFolder)}),
+                  Sorted(QStringList(tree->excludedFolderKeys.values())));
+        EXPECT_EQ(Sorted(QStringList{"/docs", Key(folderBelowLimit), Key("Sub")}),
                   Sorted(tree->folderMap.keys()));
-        EXPECT_EQ(QStringList({"/Docs/Private", folders[3].serverPath}), folderSignals);
+        EXPECT_EQ(QStringList({"/Docs/Private", "/Docs/" + longFolder}), folderSignals);
         EXPECT_TRUE(
             log.Contains(log4cplus::DEBUG_LOG_LEVEL, "Filtered out server folder /Docs/Private"));
     }
@@ -220,10 +196,11 @@ TEST_F(ServerTreeRetrieverTest, FiltersAndLengthLimits) {
 
 // Names that differ only in letter case share a key: neither is kept, both are reported.
 TEST_F(ServerTreeRetrieverTest, LetterCaseClashesAreLeftOutAndReported) {
-    server->files = {ServerFile("Report.txt"), ServerFile("report.txt"), ServerFile("REPORT.txt"),
-                     ServerFile("a.txt"), ServerFile("a.txt")};
-    server->folders = {ServerEntry<FolderConfiguration>("Pics"),
-                       ServerEntry<FolderConfiguration>("pics")};
+    for (const char* below : {"Report.txt", "report.txt", "REPORT.txt", "a.txt"})
+        server->PutFile(QString("/Docs/") + below, kContent);
+    server->listedTwice = "/Docs/a.txt";  // the same name twice is no clash
+    server->PutFolder("/Docs/Pics");
+    server->PutFolder("/Docs/pics");
     LogCapture log;
 
     auto tree = retriever.GetEntryInfoTree(root);
@@ -232,10 +209,10 @@ TEST_F(ServerTreeRetrieverTest, LetterCaseClashesAreLeftOutAndReported) {
     EXPECT_EQ(QStringList{"/docs"}, tree->folderMap.keys());
     EXPECT_EQ(QStringList{"/docs/report.txt"}, tree->excludedFileKeys.values());
     EXPECT_EQ(QStringList{"/docs/pics"}, tree->excludedFolderKeys.values());
-    EXPECT_EQ(QStringList({"/Docs/Report.txt", "/Docs/report.txt", "/Docs/REPORT.txt"}),
+    EXPECT_EQ(QStringList({"/Docs/REPORT.txt", "/Docs/Report.txt", "/Docs/report.txt"}),
               fileSignals);
     EXPECT_EQ(QStringList({"/Docs/Pics", "/Docs/pics"}), folderSignals);
-    EXPECT_EQ(QStringList({"Leaving out /Docs/Report.txt and /Docs/report.txt: "
+    EXPECT_EQ(QStringList({"Leaving out /Docs/REPORT.txt and /Docs/Report.txt: "
                            "their names differ only in letter case, and one would overwrite the "
                            "other. Rename one of them to synchronise both.",
                            "Leaving out /Docs/Pics and /Docs/pics: their names "
@@ -245,9 +222,10 @@ TEST_F(ServerTreeRetrieverTest, LetterCaseClashesAreLeftOutAndReported) {
 }
 
 TEST_F(ServerTreeRetrieverTest, ExitRequestLeavesTheTreeIncompleteAndWithoutRoot) {
-    core->exit->stopAt = 2;
-    server->folders = {ServerEntry<FolderConfiguration>("Sub")};
-    server->files = {ServerFile("a.txt"), ServerFile("b.txt")};
+    core->StopAfterPolls(1);
+    server->PutFolder("/Docs/Sub");
+    server->PutFile("/Docs/a.txt", kContent);
+    server->PutFile("/Docs/b.txt", kContent);
     auto tree = retriever.GetEntryInfoTree(root);
     EXPECT_EQ(QStringList{"/docs/a.txt"}, tree->fileMap.keys());
     EXPECT_TRUE(tree->folderMap.isEmpty());
@@ -259,12 +237,17 @@ TEST_F(ServerTreeRetrieverTest, RootOnlyFilesOnTheServerAreNotReportedDeleted) {
     root.syncScope = 1;
     EntryInfoTree configTree;
     configTree.folderMap.insert("/docs", root);
-    for (const char* below : {"report.txt", "gone.txt"}) {
-        FileConfiguration f = ServerFile(below);
+    // The records of the last synchronisation, one of a file deleted on the server since.
+    for (const char* below : {"REPORT.txt", "gone.txt"}) {
+        server->PutFile(QString("/Docs/") + below, kContent);
+        FileConfiguration f = server->FileRecord(*server->Find(QString("/Docs/") + below), root);
+        f.name = f.name.toLower();  // the database holds another letter case
+        f.serverPath = "/Docs/" + f.name;
+        f.localPath = kRootLocal + '/' + f.name;
         f.syncStatus = sync::config::FileSynchronizationStatus::Synchronized;
         configTree.fileMap.insert(f.serverPath.toLower(), f);
     }
-    server->files = {ServerFile("REPORT.txt")};  // same checksum, see ServerFile
+    server->Remove("/Docs/gone.txt");
 
     auto serverTree = retriever.GetEntryInfoTree(root);
     ASSERT_TRUE(retriever.IsTreeModified());

@@ -3,17 +3,26 @@
 #include <QCoreApplication>
 #include <QFile>
 #include <QRegularExpression>
+#include <QSet>
 #include <QTemporaryDir>
 #include <QThread>
 #include <stdexcept>
 
-#include "CoreFactory.h"
+#include "FakeConfigStore.h"
+#include "FakeCore.h"
+#include "FakeServer.h"
 #include "HttpException.h"
+#include "ISyncHostApplication.h"
+#include "ISyncTaskEngine.h"
+#include "ISynchronizeRunner.h"
+#include "LocalEntryInfoTreeRetriever.h"
 #include "LogCapture.h"
 #include "QDirWrapper.h"
+#include "ServerEntryInfoTreeRetriever.h"
+#include "SyncCodes.h"
 #include "SyncServiceException.h"
+#include "SyncTaskDepot.h"
 #include "Synchronizer.h"
-#include "SynchronizerMocks.h"
 #include "TransactionalScope.h"
 
 // Readable failure messages for Qt strings.
@@ -24,11 +33,14 @@ inline void PrintTo(const QString& s, std::ostream* os) {
 QT_END_NAMESPACE
 
 using namespace sync::test;
+using sync::config::FileConfiguration;
+using sync::config::FolderConfiguration;
+using sync::core::SyncResults;
 using FileStatus = sync::config::FileSynchronizationStatus;
 using Status = sync::config::FolderSynchronizationStatus;
-using sync::core::SyncDetails;
 using sync::database::TransactionalScope;
 using sync::syncService::SyncTaskDepot;
+using Depot = std::shared_ptr<SyncTaskDepot>;
 using ::testing::_;
 using ::testing::Field;
 using ::testing::Return;
@@ -39,6 +51,49 @@ namespace {
 const auto INFO = log4cplus::INFO_LOG_LEVEL;
 const auto WARN = log4cplus::WARN_LOG_LEVEL;
 const auto ERROR = log4cplus::ERROR_LOG_LEVEL;
+
+// The companions whose calls are the behaviour under test: the host is told, the runner is
+// asked to plan, the task engine gets the filtered counts.
+class MockSyncHostApplication : public sync::interf::ISyncHostApplication {
+public:
+    MOCK_METHOD(QString, GetRootFolderText, (), (override));
+    MOCK_METHOD(bool, IsSyncAllowed, (), (override));
+    MOCK_METHOD(void, SyncStarted, (), (override));
+    MOCK_METHOD(bool, PreProcessFiles, (const FolderConfiguration&, Depot), (override));
+    MOCK_METHOD(void, PostProcessFiles, (const FolderConfiguration&, Depot, SyncResults&),
+                (override));
+    MOCK_METHOD(void, SyncFinished, (), (override));
+};
+
+class MockSynchronizeRunner : public sync::interf::ISynchronizeRunner {
+public:
+    MOCK_METHOD(Depot, Process, (FolderConfiguration&), (override));
+};
+
+class MockSyncTaskEngine : public sync::interf::ISyncTaskEngine {
+public:
+    MOCK_METHOD(SyncResults, Process,
+                (const FolderConfiguration&, std::shared_ptr<sync::interf::ISyncTaskDepot>),
+                (override));
+    MOCK_METHOD(void, SetFilteredLocalFolderCount, (int), (override));
+    MOCK_METHOD(void, SetFilteredLocalFileCount, (int), (override));
+    MOCK_METHOD(void, SetFilteredServerFolderCount, (int), (override));
+    MOCK_METHOD(void, SetFilteredServerFileCount, (int), (override));
+    MOCK_METHOD(void, InitFilteredCount, (), (override));
+    MOCK_METHOD(void, TransferLocalOrServerFolderCreated,
+                (const QString&, sync::config::FolderSynchronizationStatus), (override));
+    MOCK_METHOD(void, HandleSubFolderFilteredOut, (QString), (override));
+    MOCK_METHOD(void, HandleFileFilteredOut, (QString), (override));
+};
+
+// The host's choice of root folders: all but the excluded ones.
+class ExcludedRoots : public sync::interf::IFolderFilter {
+public:
+    bool IsRootFolderIncluded(const FolderConfiguration& root) override {
+        return !ids.contains(root.id);
+    }
+    QSet<int> ids;
+};
 
 // The host's receiver of the cycle's reports: one line per report, in arrival order.
 class Recorder : public sync::interf::ISyncSignalsAndSlots {
@@ -78,51 +133,66 @@ private:
     }
 };
 
-// A nice mock made at once.
-template <class T>
-struct Nice : std::shared_ptr<::testing::NiceMock<T>> {
-    Nice() : std::shared_ptr<::testing::NiceMock<T>>(new ::testing::NiceMock<T>) {}
+// Stands for the process ending while the server folder is being created: a batch of writes
+// still open then would be lost.
+struct Interrupted {};
+
+class InterruptedServer : public FakeServer {
+public:
+    Results CreateFolder(Folder&, const QString&, bool) override {
+        openBatches = TransactionalScope::Depth();
+        throw Interrupted{};
+    }
+    int openBatches = -1;
 };
+
+template <class T>
+using Nice = ::testing::NiceMock<T>;
 
 class SynchronizerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_TRUE(tmp.isValid());
-        ON_CALL(*coreFactory, CreateCheckForExit).WillByDefault(Return(checkForExit));
-        ON_CALL(*coreFactory, CreateConnectedToNetwork).WillByDefault(Return(network));
-        ON_CALL(*network, IsConnected).WillByDefault(Return(true));
-        actionLog->Record();
-        sync::factory::CoreFactory::SetActionLog(actionLog);
-        folders.Attach(*folderDb);
-        files.Attach(*fileDb);
-        ON_CALL(*remoteFactory, CreateRemoteFolderManager).WillByDefault(Return(remote));
-        ON_CALL(*remote, GetFolderInfo).WillByDefault(Return(true));
+        Reset();
         ON_CALL(*runner, Process).WillByDefault([](auto&) {
             return std::make_shared<SyncTaskDepot>();
         });
         // Like the status monitor, marks a root that ran without errors as synchronised.
         ON_CALL(*engine, Process).WillByDefault([this](const FolderConfiguration& root, auto) {
             const SyncResults r = engineResults.value(root.id);
-            if (!r.anyErrors() && folders.contains(root.id))
-                folders[root.id].setSyncStatus(Status::Synchronized);
+            FolderConfiguration current = store->GetFolderById(root.id);
+            if (!r.anyErrors() && current.id >= 0) {
+                current.setSyncStatus(Status::Synchronized);
+                store->UpdateFolder(current);
+            }
             return r;
         });
         ON_CALL(*host, PreProcessFiles).WillByDefault(Return(true));
         ON_CALL(*host, GetRootFolderText).WillByDefault(Return(QString("root text")));
-        sync::config::ServerConfiguration server;
-        server.baseUrl = "https://files.example/";  // joined with exactly one "/"
-        ON_CALL(*serverConfig, GetServerConfiguration).WillByDefault(Return(server));
     }
 
-    void TearDown() override {
-        sync::factory::CoreFactory::SetActionLog(nullptr);
-        TransactionalScope::SetBackend(nullptr);
+    void TearDown() override { TransactionalScope::SetBackend(nullptr); }
+
+    // A table row starts from an empty database with one account, an empty server, a connected
+    // machine and no reports.
+    void Reset() {
+        store = std::make_shared<FakeConfigStore>();
+        TransactionalScope::SetBackend(store->TransactionBackend());
+        sync::config::ServerConfiguration account;
+        account.baseUrl = "https://files.example/";  // joined with exactly one "/"
+        store->AddAccount(account);
+        server = std::make_shared<FakeServer>();
+        core->SetConnected(true);
+        core->StopAfterPolls(-1);
+        core->ClearActionLog();
+        engineResults.clear();
+        recorder.reset(new Recorder);
     }
 
     std::unique_ptr<sync::syncService::Synchronizer> Make(QSharedPointer<Recorder> receiver = {}) {
         return std::make_unique<sync::syncService::Synchronizer>(
-            auth, serverConfig, host, fileDb, folderDb, remoteFactory, dir, engine, coreFactory,
-            nullptr, receiver, localRetriever, nullptr, serverRetriever, runner, filter);
+            store, store, host, store, store, server, dir, engine, core, nullptr, receiver,
+            localRetriever, nullptr, serverRetriever, runner, filter);
     }
 
     // One cycle; the reports it queued for the host are delivered before it returns.
@@ -132,26 +202,16 @@ protected:
         return total;
     }
 
-    // A table row starts from an empty database and no reports, and ends checking its calls.
-    void Reset() {
-        folders.clear();
-        files.clear();
-        engineResults.clear();
-        actionLog->entries.clear();
-        recorder.reset(new Recorder);
-    }
     void VerifyMocks() {
-        for (void* m :
-             {(void*)actionLog.get(), (void*)auth.get(), (void*)runner.get(), (void*)remote.get(),
-              (void*)fileDb.get(), (void*)folderDb.get(), (void*)host.get()})
-            ::testing::Mock::VerifyAndClearExpectations(m);
+        ::testing::Mock::VerifyAndClearExpectations(runner.get());
+        ::testing::Mock::VerifyAndClearExpectations(host.get());
     }
 
-    // A root folder record; its local directory exists unless told otherwise.
-    FolderConfiguration& AddRoot(int id, const QString& name, Status status = Status::Synchronized,
-                                 bool createLocal = true) {
+    // A root folder record of the account; its local directory and its server folder exist
+    // unless told otherwise.
+    FolderConfiguration AddRoot(const QString& name, Status status = Status::Synchronized,
+                                bool local = true, bool onServer = true) {
         FolderConfiguration f;
-        f.id = f.rootId = f.inheritedId = id;
         f.authenticationId = 1;
         f.name = name;
         f.localPath = tmp.filePath(name);
@@ -159,33 +219,57 @@ protected:
         f.serverRootPath = "/remote";
         f.privilegeInfo = "info";
         f.setSyncStatus(status);
-        if (createLocal) QDir().mkpath(f.localPath);
-        folders.Put(f);
-        return folders[id];
+        if (local) QDir().mkpath(f.localPath);
+        if (onServer) server->PutFolder(f.serverPath);
+        EXPECT_TRUE(store->AddFolder(f));
+        return f;
+    }
+    void Put(const FolderConfiguration& f) { EXPECT_TRUE(store->UpdateFolder(f)); }
+
+    // Records whose root folder record is gone.
+    void AddOrphans(int folders, int files) {
+        for (int i = 0; i < folders; ++i) {
+            FolderConfiguration f;
+            f.rootId = f.parentId = 99;
+            f.localPath = QString("/old/f%1").arg(i);
+            EXPECT_TRUE(store->AddFolder(f));
+        }
+        for (int i = 0; i < files; ++i) {
+            FileConfiguration f;
+            f.rootId = 99;
+            f.localPath = QString("/old/x%1").arg(i);
+            store->AddFile(f);
+        }
+    }
+
+    QList<int> RootIds() {
+        QList<int> ids;
+        for (const FolderConfiguration& f : store->GetRootFolders()) ids << f.id;
+        return ids;
     }
 
     QTemporaryDir tmp;
-    FolderStore folders;
-    FileStore files;
+    std::shared_ptr<FakeConfigStore> store;
+    std::shared_ptr<FakeServer> server;
+    std::shared_ptr<FakeCore> core = std::make_shared<FakeCore>();
+    InstalledCore installed{core};  // the action log
     QMap<int, SyncResults> engineResults;
     QSharedPointer<Recorder> recorder{new Recorder};
 
-    Nice<MockAuthenticationConfigManager> auth;
-    Nice<MockServerConfigManager> serverConfig;
-    Nice<MockSyncHostApplication> host;
-    Nice<MockFileConfigManager> fileDb;
-    Nice<MockFolderConfigManager> folderDb;
-    Nice<MockRemoteFolderManagerFactory> remoteFactory;
-    Nice<MockRemoteFolderManager> remote;
+    std::shared_ptr<Nice<MockSyncHostApplication>> host =
+        std::make_shared<Nice<MockSyncHostApplication>>();
+    std::shared_ptr<Nice<MockSyncTaskEngine>> engine = std::make_shared<Nice<MockSyncTaskEngine>>();
+    std::shared_ptr<Nice<MockSynchronizeRunner>> runner =
+        std::make_shared<Nice<MockSynchronizeRunner>>();
     std::shared_ptr<sync::core::QDirWrapper> dir = std::make_shared<sync::core::QDirWrapper>();
-    Nice<MockSyncTaskEngine> engine;
-    Nice<MockCoreFactory> coreFactory;
-    Nice<MockCheckForExit> checkForExit;
-    Nice<MockConnectedToNetwork> network;
-    Nice<MockEntryInfoTreeRetriever> localRetriever, serverRetriever;
-    Nice<MockSynchronizeRunner> runner;
-    Nice<MockActionLog> actionLog;
-    std::shared_ptr<MockFolderFilter> filter;
+    // Only the sources of the filter notices: planning is the runner's.
+    std::shared_ptr<sync::interf::IEntryInfoTreeRetriever> localRetriever =
+        std::make_shared<sync::syncService::LocalEntryInfoTreeRetriever>(nullptr, nullptr, core,
+                                                                         nullptr, nullptr);
+    std::shared_ptr<sync::interf::IEntryInfoTreeRetriever> serverRetriever =
+        std::make_shared<sync::syncService::ServerEntryInfoTreeRetriever>(
+            nullptr, nullptr, core, nullptr, nullptr, nullptr, nullptr);
+    std::shared_ptr<ExcludedRoots> filter;
 };
 
 TEST_F(SynchronizerTest, CycleWithNothingToSynchronizeOrNoNetworkOrAStopRequest) {
@@ -205,20 +289,24 @@ TEST_F(SynchronizerTest, CycleWithNothingToSynchronizeOrNoNetworkOrAStopRequest)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Reset();
-        AddRoot(1, "reset").setSyncOption(sync::config::RootFolderReset);  // skipped silently
-        ON_CALL(*network, IsConnected).WillByDefault(Return(row.connected));
-        ON_CALL(*checkForExit, ShouldExit).WillByDefault(Return(row.stop));
+        FolderConfiguration reset = AddRoot("reset");
+        reset.setSyncOption(sync::config::RootFolderReset);  // skipped silently
+        Put(reset);
+        AddOrphans(1, 1);  // the audit removes them
+        core->SetConnected(row.connected);
+        core->StopAfterPolls(row.stop ? 0 : -1);
         const int runs = row.connected && !row.stop;
-        EXPECT_CALL(*folderDb, GetFoldersOfMissingRootFolders).Times(runs);
-        EXPECT_CALL(*fileDb, GetFilesOfMissingRootFolders).Times(runs);
         EXPECT_CALL(*host, SyncStarted).Times(runs);
         EXPECT_CALL(*host, SyncFinished).Times(runs);
-        EXPECT_CALL(*folderDb, ReleaseMemory);
         EXPECT_CALL(*runner, Process).Times(0);
         LogCapture log;
         Run();
         EXPECT_EQ(log.Messages(row.connected ? INFO : ERROR), row.log);
-        EXPECT_EQ(log.Lines().size(), size_t(row.log.size()));
+        // Besides those, only the audit's two lines per kind of orphan.
+        EXPECT_EQ(log.Lines().size(), size_t(row.log.size() + 4 * runs));
+        EXPECT_EQ(store->GetFoldersOfMissingRootFolders().size(), 1 - runs);
+        EXPECT_EQ(store->GetFilesOfMissingRootFolders().size(), 1 - runs);
+        EXPECT_EQ(store->Calls("ReleaseMemory"), 1);
         EXPECT_EQ(recorder->lines, row.reports);
         VerifyMocks();
     }
@@ -227,11 +315,12 @@ TEST_F(SynchronizerTest, CycleWithNothingToSynchronizeOrNoNetworkOrAStopRequest)
 // A filtered root is skipped without a word; a duplicate differing only in case is removed.
 // Neither is synchronised.
 TEST_F(SynchronizerTest, FilteredAndDuplicateRootsAreNotSynchronized) {
-    const QString docs = AddRoot(1, "Docs").localPath;
-    AddRoot(2, "dup").localPath = tmp.filePath("DOCS");
-    AddRoot(4, "filtered");
-    filter = Nice<MockFolderFilter>();
-    ON_CALL(*filter, IsRootFolderIncluded).WillByDefault([](auto& f) { return f.id != 4; });
+    const QString docs = AddRoot("Docs").localPath;
+    FolderConfiguration dup = AddRoot("dup");
+    dup.localPath = tmp.filePath("DOCS");
+    Put(dup);
+    filter = std::make_shared<ExcludedRoots>();
+    filter->ids = {AddRoot("filtered").id};
     EXPECT_CALL(*runner, Process).Times(1);
     LogCapture log;
     Run();
@@ -241,7 +330,7 @@ TEST_F(SynchronizerTest, FilteredAndDuplicateRootsAreNotSynchronized) {
     EXPECT_EQ(log.Messages(WARN),
               QStringList{"Duplicate root folder record " + tmp.filePath("DOCS") +
                           " found in database. Removing it."});
-    EXPECT_EQ(folders.keys(), (QList<int>{1, 4}));
+    EXPECT_EQ(RootIds(), (QList<int>{1, 3}));
     EXPECT_EQ(recorder->Matching("Finished "), QStringList{"Finished 1 0"});
 }
 
@@ -259,30 +348,32 @@ TEST_F(SynchronizerTest, MissingLocalRootIsRemovedOrMarkedByLocationKind) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Reset();
-        FolderConfiguration& root = AddRoot(4, "gone", Status::Synchronized, false);
+        FolderConfiguration root = AddRoot("gone", Status::Synchronized, false);
         root.inheritedValue = row.kind;
         if (row.keepOnRemoval) root.setSyncOption(sync::config::KeepRootFolderOnRemoval);
+        Put(root);
         const QString path = root.localPath;
-        if (row.otherRootOfAccount) AddRoot(2, "kept");
+        if (row.otherRootOfAccount) AddRoot("kept");
         const bool removed = row.kind % 2 == 1;
-        // The account goes with its last root, unless the root is added back parked: it
-        // still needs its credentials then.
-        EXPECT_CALL(*auth, RemoveAuthentication(1))
-            .Times(removed && !row.otherRootOfAccount && !row.keepOnRemoval);
         LogCapture log;
         Run();
-        VerifyMocks();
-        EXPECT_EQ(actionLog->entries,
+        // The account goes with its last root, unless the root is added back parked: it
+        // still needs its credentials then.
+        EXPECT_EQ(store->GetAccount(1).id == 1,
+                  !removed || row.otherRootOfAccount || row.keepOnRemoval);
+        EXPECT_EQ(core->ActionLogLines(),
                   QStringList{QString(removed ? "27 gone 19:%1 %1" : "4 gone 3:%1 %1").arg(path)});
         QStringList expected{QString("FinishedSyncingFolders %1").arg(removed ? 0 : 1)};
         if (row.otherRootOfAccount) expected.prepend("Finished 2 0");
         EXPECT_EQ(recorder->Matching("Finished"), expected);
         EXPECT_TRUE(log.Contains(
             INFO, removed ? "Sync finished successfully" : "Sync finished with errors"));
-        const auto left = folders.Where([&](auto& f) { return f.localPath == path; });
+        QList<FolderConfiguration> left;
+        for (const FolderConfiguration& f : store->GetRootFolders())
+            if (f.localPath == path) left << f;
         EXPECT_EQ(left.size(), removed ? int(row.keepOnRemoval) : 1);
         for (const FolderConfiguration& f : left) {  // kept as it is, or added back parked
-            EXPECT_EQ(f.id != 4, removed);
+            EXPECT_EQ(f.id != root.id, removed);
             EXPECT_EQ(f.hasSyncOption(sync::config::RootFolderReset), removed);
             EXPECT_EQ(f.getSyncStatus(), removed ? Status::NotSynchronized : Status::OutOfSync);
         }
@@ -290,43 +381,36 @@ TEST_F(SynchronizerTest, MissingLocalRootIsRemovedOrMarkedByLocationKind) {
 }
 
 TEST_F(SynchronizerTest, NeverSynchronizedRootGetsItsMissingSideCreated) {
-    const QString deep = AddRoot(1, "deep/local", Status::NotSynchronized, false).localPath;
-    AddRoot(2, "serverless", Status::NotSynchronized);
-    const QString both = AddRoot(3, "both", Status::NotSynchronized, false).localPath;
-    AddRoot(4, "top", Status::OutOfSync).serverPath = "/REMOTE/";  // the server's own root
-    const QString broken = AddRoot(5, "broken", Status::NotSynchronized).localPath;
-    const QString full = AddRoot(6, "full", Status::NotSynchronized).localPath;
-    AddRoot(7, "after", Status::NotSynchronized);  // a full server ends the cycle before it
-    ON_CALL(*remote, GetFolderInfo).WillByDefault([](auto& f, auto&) -> bool {
-        if (f.id == 5) throw sync::http::HttpException(401, "denied");
-        return f.id == 1;
-    });
-    EXPECT_CALL(*remote, GetFolderInfo).Times(5);
-    EXPECT_CALL(*remote, CreateFolder(Field(&FolderConfiguration::id, 6), QString(), true))
-        .WillOnce([](FolderConfiguration&, auto&, bool) {
-            SyncResults r;
-            r.FolderServerCreationErrors = 1;
-            r.errorCodes[507] = 1;
-            return r;
-        });
-    EXPECT_CALL(*remote, GetFolderInfo(Field(&FolderConfiguration::id, 4), _)).Times(0);
-    EXPECT_CALL(*remote, CreateFolder(Field(&FolderConfiguration::id, 2), QString(), true))
-        .WillOnce([](FolderConfiguration& f, auto&, bool) {
-            f.setServerFolderId("new-id");
-            return SyncResults();
-        });
+    const QString deep = AddRoot("deep/local", Status::NotSynchronized, false).localPath;
+    // Its server folder needs a parent that is not there either.
+    const int serverless = AddRoot("new/serverless", Status::NotSynchronized, true, false).id;
+    const QString both = AddRoot("both", Status::NotSynchronized, false, false).localPath;
+    FolderConfiguration top = AddRoot("top", Status::OutOfSync, true, false);
+    top.serverPath = "/REMOTE/";  // the server's own root: never asked for, never created
+    Put(top);
+    const QString broken = AddRoot("broken", Status::NotSynchronized, true, false).localPath;
+    const QString full = AddRoot("full", Status::NotSynchronized, true, false).localPath;
+    AddRoot("after", Status::NotSynchronized, true, false);  // a full server ends the cycle first
+    server->FailOn("/remote/broken", 401);
+    server->FailOn("CreateFolder", 507, 2);  // the second creation, of /remote/full
     LogCapture log;
     const SyncResults total = Run();
     EXPECT_TRUE(QFileInfo(deep).isDir());
     EXPECT_FALSE(QFileInfo(both).exists());
+    EXPECT_EQ(server->Listing(),
+              (QStringList{"server /remote/", "server /remote/deep/", "server /remote/deep/local/",
+                           "server /remote/new/", "server /remote/new/serverless/"}));
     EXPECT_TRUE(log.Contains(INFO, "Local root folder " + deep + " doesn't exist. Creating it."));
-    EXPECT_TRUE(
-        log.Contains(INFO, "Server root folder doesn't exist: /remote/serverless. Creating it."));
+    EXPECT_TRUE(log.Contains(
+        INFO, "Server root folder doesn't exist: /remote/new/serverless. Creating it."));
     EXPECT_TRUE(log.Contains(
         ERROR,
         "Both server root folder '/remote/both' and local root folder '" + both + "' not found"));
-    EXPECT_TRUE(log.Contains(ERROR, "Failed to create server root folder /remote/broken. denied"));
-    EXPECT_EQ(folders[2].getServerFolderId(), QString("new-id"));
+    EXPECT_TRUE(log.Contains(ERROR,
+                             "Failed to create server root folder /remote/broken. Failed to read "
+                             "server folder /remote/broken"));
+    EXPECT_EQ(store->GetFolderById(serverless).getServerFolderId(),
+              server->Find("/remote/new/serverless")->id);
     EXPECT_EQ(total.FolderLocalCreations, 1);
     EXPECT_EQ(total.FolderServerCreations, 1);
     // A root whose creation failed is reported with the server's status and not planned: 401
@@ -344,8 +428,8 @@ TEST_F(SynchronizerTest, NeverSynchronizedRootGetsItsMissingSideCreated) {
 }
 
 TEST_F(SynchronizerTest, PlannedResultsAreAnnouncedAndFinalDoneListsExcludeFailures) {
-    AddRoot(1, "a");
-    AddRoot(2, "canceled");  // the host refuses it after planning
+    AddRoot("a");
+    AddRoot("canceled");  // the host refuses it after planning
     auto depot = std::make_shared<SyncTaskDepot>();
     for (const char* p : {"/a/one", "/a/two", "/a/three", "/a/c"}) {
         FileConfiguration f;
@@ -394,61 +478,57 @@ TEST_F(SynchronizerTest, PlannedResultsAreAnnouncedAndFinalDoneListsExcludeFailu
 
 // A root folder lost its server folder: its content must be uploaded again, not deleted locally
 // as if the server had deleted it. Whatever the root's status, its records are marked and that
-// is committed before the server folder is created, so that neither a failed creation nor a
-// crash after it can leave records that claim a server copy; if the marking fails, nothing is
-// created and the root fails for this cycle.
+// is committed before the server folder is created, so that neither a failed creation nor the
+// end of the process during it can leave records that claim a server copy; if the marking
+// fails, none of it is kept, nothing is created and the root fails for this cycle.
 TEST_F(SynchronizerTest, VanishedServerRootIsMarkedAndCommittedBeforeItIsCreated) {
-    struct Backend : sync::database::ITransactionBackend {
-        int commits = 0, rollbacks = 0;
-        void Begin(int) override {}
-        void Commit(int depth) override { commits += depth == 0; }
-        void Rollback(int depth) noexcept override { rollbacks += depth == 0; }
-    };
     struct Row {
         const char* name;
         Status before;
-        bool markingFails;
+        bool interrupted;
+        const char* failingWrite;  // the first such write of the marking fails
     };
-    const Row rows[] = {{"out of sync", Status::OutOfSync, false},
-                        {"never synchronized", Status::NotSynchronized, false},
-                        {"marking fails", Status::OutOfSync, true}};
+    const Row rows[] = {{"out of sync", Status::OutOfSync, false, nullptr},
+                        {"never synchronized", Status::NotSynchronized, false, nullptr},
+                        {"out of sync, interrupted", Status::OutOfSync, true, nullptr},
+                        {"never synchronized, interrupted", Status::NotSynchronized, true, nullptr},
+                        {"folder marking fails", Status::OutOfSync, false, "UpdateFolder"},
+                        {"file marking fails", Status::OutOfSync, false, "UpdateFile"}};
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Reset();
-        auto backend = std::make_shared<Backend>();
-        TransactionalScope::SetBackend(backend);
-        const QString path = AddRoot(1, "a", row.before).localPath;
-        FolderConfiguration sub = folders[1];  // a folder below the root
-        sub.id = 2;
+        auto interrupting = std::make_shared<InterruptedServer>();
+        if (row.interrupted) server = interrupting;
+        const FolderConfiguration root = AddRoot("a", row.before, true, false);
+        FolderConfiguration sub;
+        sub.rootId = sub.parentId = root.id;
+        sub.localPath = root.localPath + "/sub";
         sub.setSyncStatus(Status::Synchronized);
-        folders.Put(sub);
+        store->AddFolder(sub);
         FileConfiguration file;
-        file.id = 10;
-        file.rootId = 1;
+        file.rootId = root.id;
+        file.localPath = root.localPath + "/f.txt";
         file.syncStatus = FileStatus::Synchronized;
-        files.Put(file);
-        if (row.markingFails) ON_CALL(*fileDb, UpdateFile).WillByDefault(Return(false));
-        ON_CALL(*remote, GetFolderInfo).WillByDefault(Return(false));
-        EXPECT_CALL(*remote, CreateFolder).Times(row.markingFails ? 0 : 1);
-        ON_CALL(*remote, CreateFolder).WillByDefault([&](auto&, auto&, bool) {
-            EXPECT_EQ(TransactionalScope::Depth(), 0);
-            EXPECT_EQ(backend->commits, 1);
-            EXPECT_EQ(folders[2].getSyncStatus(), Status::NotSynchronized);
-            EXPECT_EQ(files[10].syncStatus, FileStatus::NotSynchronized);
-            return SyncResults();
-        });
-        EXPECT_CALL(*runner, Process).Times(row.markingFails ? 0 : 1);
+        store->AddFile(file);
+        if (row.failingWrite) store->FailOn(row.failingWrite, 1);
+        const bool marked = !row.failingWrite, created = marked && !row.interrupted;
+        EXPECT_CALL(*runner, Process).Times(created ? 1 : 0);
         LogCapture log;
         const SyncResults total = Run();
-        EXPECT_EQ(log.Count(WARN, "Server root folder /remote/a of " + path +
+        EXPECT_EQ(log.Count(WARN, "Server root folder /remote/a of " + root.localPath +
                                       " has vanished. Marking its content as not synchronized "
                                       "so that it is uploaded again."),
                   1);
-        EXPECT_EQ(backend->rollbacks, int(row.markingFails));
-        EXPECT_EQ(total.FolderServerCreationErrors, int(row.markingFails));
-        EXPECT_EQ(recorder->Matching("FolderSyncError").size(), int(row.markingFails));
-        EXPECT_EQ(folders[1].getSyncStatus(),
-                  row.markingFails ? Status::OutOfSync : Status::Synchronized);
+        EXPECT_EQ(store->GetFolderById(sub.id).getSyncStatus(),
+                  marked ? Status::NotSynchronized : Status::Synchronized);
+        EXPECT_EQ(store->GetFileById(file.id).syncStatus,
+                  marked ? FileStatus::NotSynchronized : FileStatus::Synchronized);
+        EXPECT_EQ(server->Find("/remote/a") != nullptr, created);
+        EXPECT_EQ(interrupting->openBatches, row.interrupted ? 0 : -1);
+        EXPECT_EQ(total.FolderServerCreationErrors, int(!marked));
+        EXPECT_EQ(recorder->Matching("FolderSyncError").size(), int(!created));
+        EXPECT_EQ(store->GetFolderById(root.id).getSyncStatus(),
+                  created ? Status::Synchronized : Status::OutOfSync);
         VerifyMocks();
     }
 }
@@ -484,8 +564,8 @@ TEST_F(SynchronizerTest, FailedRootFolderIsReportedAndTheLoopGoesOn) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Reset();
-        AddRoot(1, "a");
-        const QString b = AddRoot(2, "b").localPath;
+        AddRoot("a");
+        const QString b = AddRoot("b").localPath;
         SyncResults& r = engineResults[1];
         r.FileServerCreationErrors = 2;
         r.FolderLocalDeletionErrors = 1;
@@ -497,7 +577,7 @@ TEST_F(SynchronizerTest, FailedRootFolderIsReportedAndTheLoopGoesOn) {
                 throw sync::syncService::SyncServiceException("broken invariant");
             if (row.kind == Std) throw std::runtime_error("boom");
             if (row.kind == UnauthorizedAfterRemoval) {
-                folders.remove(1);
+                store->RemoveRootFolder(1);
                 throw sync::http::HttpException(401, "gone");
             }
             return std::make_shared<SyncTaskDepot>();
@@ -511,11 +591,11 @@ TEST_F(SynchronizerTest, FailedRootFolderIsReportedAndTheLoopGoesOn) {
         if (reported) reports.prepend(QString("FolderSyncError %1 1 %2").arg(path).arg(row.code));
         if (row.code == 401) reports.prepend("FolderAuthenticationError 1");
         EXPECT_EQ(recorder->Matching("F"), reports);
-        EXPECT_EQ(actionLog->entries,
+        EXPECT_EQ(core->ActionLogLines(),
                   reported ? QStringList{"3 a" + row.entry + " " + path} : QStringList());
         EXPECT_EQ(log.Messages(ERROR), row.errorLines);
         EXPECT_EQ(total.errorCodes.value(503), int(row.kind == Http));
-        EXPECT_TRUE(!reported || folders[1].getSyncStatus() == Status::OutOfSync);
+        EXPECT_TRUE(!reported || store->GetFolderById(1).getSyncStatus() == Status::OutOfSync);
         EXPECT_EQ(log.Contains(INFO, "Sync finished with errors"), reported);
         EXPECT_EQ(log.Contains(INFO, "Sync finished successfully for root folder " + b),
                   row.code != 507);
@@ -540,40 +620,31 @@ TEST_F(SynchronizerTest, CompletionEntriesFollowTheRootFolderOutcome) {
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         Reset();
-        const QString path = AddRoot(1, "a", row.before).localPath;
+        const QString path = AddRoot("a", row.before).localPath;
         SyncResults& r = engineResults[1];
         r.FileServerCreations = row.uploads;
         r.FileLocalDeletions = row.localDeletions;
         r.FolderLocalCreations = row.folderCreations;
         r.FileLocalCreationErrors = row.failedDownloads;
         Run();
-        EXPECT_EQ(actionLog->entries,
+        EXPECT_EQ(core->ActionLogLines(),
                   row.entry.isEmpty() ? QStringList() : QStringList{row.entry + " " + path});
     }
 }
 
 TEST_F(SynchronizerTest, AuditRepairsRootsAndRemovesStaleRecords) {
-    FolderConfiguration& root = AddRoot(7, "a");
+    FolderConfiguration root = AddRoot("a");
     root.privilegeInfo.clear();
     root.inheritedId = -1;
-    QVector<FolderConfiguration> orphanFolders(3);
-    QVector<FileConfiguration> orphanFiles(2);
-    for (int i = 0; i < 3; ++i) {
-        orphanFolders[i].id = 50 + i;
-        orphanFolders[i].localPath = QString("/old/f%1").arg(i);
-        EXPECT_CALL(*folderDb, RemoveFolder(50 + i));
-    }
-    for (int i = 0; i < 2; ++i) {
-        orphanFiles[i].id = 60 + i;
-        orphanFiles[i].localPath = QString("/old/x%1").arg(i);
-        EXPECT_CALL(*fileDb, RemoveFile(60 + i));
-    }
-    ON_CALL(*folderDb, GetFoldersOfMissingRootFolders).WillByDefault(Return(orphanFolders));
-    ON_CALL(*fileDb, GetFilesOfMissingRootFolders).WillByDefault(Return(orphanFiles));
+    Put(root);
+    AddOrphans(3, 2);
     LogCapture log;
     Run();
-    EXPECT_EQ(folders[7].inheritedId, 7);
-    EXPECT_EQ(folders[7].privilegeInfo, QString("root text"));
+    const FolderConfiguration repaired = store->GetFolderById(root.id);
+    EXPECT_EQ(repaired.inheritedId, root.id);
+    EXPECT_EQ(repaired.privilegeInfo, QString("root text"));
+    EXPECT_TRUE(store->GetFoldersOfMissingRootFolders().isEmpty());
+    EXPECT_TRUE(store->GetFilesOfMissingRootFolders().isEmpty());
     EXPECT_EQ(log.Messages(WARN),
               (QStringList{"Incorrect RootId found in database for root folder " + root.localPath +
                                ". Fixing it.",
@@ -588,37 +659,38 @@ TEST_F(SynchronizerTest, AuditRepairsRootsAndRemovesStaleRecords) {
 }
 
 TEST_F(SynchronizerTest, BaseCopiesWithoutSourceOrFileAreCleanedUp) {
-    AddRoot(1, "a");
+    const int rootId = AddRoot("a").id;
     const QString backup = tmp.filePath("a/.{SyncBackup}"), kept = tmp.filePath("b/.{SyncBackup}");
     QDir().mkpath(backup);
     QDir().mkpath(kept);
-    auto base = [](int id, int parent, const QString& path, bool onDisk) {
-        FileConfiguration b;
-        b.id = id;
-        b.parentFileId = parent;
-        b.localPath = path;
-        QFile f(path);
-        EXPECT_TRUE(!onDisk || (f.open(QIODevice::WriteOnly) && f.write("base") == 4));
-        return b;
+    auto add = [&](FileConfiguration f, const QString& path, bool onDisk) {
+        f.rootId = rootId;
+        f.localPath = path;
+        QFile file(path);
+        EXPECT_TRUE(!onDisk || (file.open(QIODevice::WriteOnly) && file.write("base") == 4));
+        store->AddFile(f);
+        return f.id;
     };
-    FileConfiguration source;
-    source.id = 5;
-    files.Put(source);
-    ON_CALL(*fileDb, GetGeneratedFilesByKind(2))
-        .WillByDefault(Return(QVector<FileConfiguration>{
-            base(20, 99, backup + "/orphan.BASE", true),  // source record deleted
-            base(21, 5, kept + "/missing.BASE", false),   // base file gone
-            base(22, 5, kept + "/kept.BASE", true)}));    // both still there
-    EXPECT_CALL(*fileDb, RemoveGeneratedFileById(20));
-    EXPECT_CALL(*fileDb, RemoveGeneratedFileById(21));
-    EXPECT_CALL(*fileDb, RemoveGeneratedFileById(22)).Times(0);
+    const int source = add(FileConfiguration(), tmp.filePath("a/source.txt"), false);
+    FileConfiguration base;
+    base.isGenerated = 1;
+    base.generatedKind = sync::config::GeneratedBaseCopy;
+    base.parentFileId = source + 100;
+    add(base, backup + "/orphan.BASE", true);  // source record deleted
+    base.parentFileId = source;
+    add(base, kept + "/missing.BASE", false);                    // base file gone
+    const int bothThere = add(base, kept + "/kept.BASE", true);  // both still there
     Run();
+    QList<int> left;
+    for (const FileConfiguration& f : store->GetGeneratedFilesByKind(base.generatedKind))
+        left << f.id;
+    EXPECT_EQ(left, QList<int>{bothThere});
     EXPECT_FALSE(QFileInfo::exists(backup));
     EXPECT_TRUE(QFileInfo::exists(kept + "/kept.BASE"));
 }
 
 TEST_F(SynchronizerTest, HostReceivesReportsOnItsOwnThread) {
-    AddRoot(1, "a", Status::NotSynchronized);
+    AddRoot("a", Status::NotSynchronized);
     QThread hostThread;
     QSharedPointer<Recorder> hostSignals(new Recorder);
     hostSignals->moveToThread(&hostThread);

@@ -33,7 +33,7 @@ namespace test {
 //   answers default: GetSyncInterval, GetTooManyRequestsHoldSeconds
 //   throws sync::database::DatabaseException: every other operation, and Begin and Commit of
 //   the transaction backend.
-// A failed operation writes nothing.
+// A failed operation writes nothing. ReleaseMemory is only counted: it cannot fail.
 //
 // TransactionBackend() gives TransactionalScope savepoints on this store, so that a batch
 // unwound by an exception leaves nothing behind, as it does on the real database; a batch whose
@@ -64,7 +64,7 @@ public:
     bool DeleteFolderById(int folderId) override;
     QVector<Folder> GetRootFolders() override;
     bool IsAuthenticationInUse(int authenticationId) override;
-    void ReleaseMemory() override {}
+    void ReleaseMemory() override { _faults.Check(QStringLiteral("ReleaseMemory")); }
     bool RemoveRootFolder(int folderId) override;
 
     // IFileConfigManager

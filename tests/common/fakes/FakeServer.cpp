@@ -24,6 +24,7 @@ using Results = FakeServer::Results;
 
 namespace {
 
+constexpr int kUnauthorized = 401;
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kNotModified = 304;
@@ -80,16 +81,22 @@ bool WriteFile(const QString& path, const QByteArray& content, const QDateTime& 
 
 std::shared_ptr<sync::interf::IRemoteFolderManager> FakeServer::CreateRemoteFolderManager(
     int authenticationId) {
-    if (const int status = _faults.Check(QStringLiteral("CreateRemoteFolderManager")))
-        throw HttpException(status, QStringLiteral("Unknown account %1").arg(authenticationId));
+    _CheckAccount(QStringLiteral("CreateRemoteFolderManager"), authenticationId);
     return shared_from_this();
 }
 
 std::shared_ptr<sync::interf::IRemoteFileManager> FakeServer::CreateRemoteFileManager(
     int authenticationId) {
-    if (const int status = _faults.Check(QStringLiteral("CreateRemoteFileManager")))
-        throw HttpException(status, QStringLiteral("Unknown account %1").arg(authenticationId));
+    _CheckAccount(QStringLiteral("CreateRemoteFileManager"), authenticationId);
     return shared_from_this();
+}
+
+void FakeServer::_CheckAccount(const QString& operation, int authenticationId) {
+    int status = _faults.Check(operation);
+    if (status == 0 && !accounts.isEmpty() && !accounts.contains(authenticationId))
+        status = kUnauthorized;
+    if (status != 0)
+        throw HttpException(status, QStringLiteral("Unknown account %1").arg(authenticationId));
 }
 
 int FakeServer::_Fault(const QString& operation, const QString& path) {

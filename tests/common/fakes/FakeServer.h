@@ -4,6 +4,7 @@
 #include <QDateTime>
 #include <QHash>
 #include <QMap>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <memory>
@@ -77,6 +78,9 @@ public:
     bool reportsHashes = true;
     // On: a listing of a root that has not changed since its previous listing answers 304.
     bool answersNotModified = false;
+    // The accounts the server knows; empty: every account. A manager asked for any other account
+    // throws HttpException(401), as a server refuses credentials it does not know.
+    QSet<int> accounts;
 
     // Manager factories: one server serves every account; the managers are the server itself.
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
@@ -129,6 +133,9 @@ public:
     static QString ContentText(const QByteArray& content);
 
 private:
+    // Throws what a manager factory throws for the call: an injected fault, or 401 for an
+    // account the server does not know.
+    void _CheckAccount(const QString& operation, int authenticationId);
     // Checks the operation and the path; the status to fail with, or 0.
     int _Fault(const QString& operation, const QString& path);
     Entry& _Put(const QString& path, bool isFolder, int privileges);
