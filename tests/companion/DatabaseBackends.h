@@ -1,7 +1,8 @@
 #pragma once
 
-// A configuration database file in a temporary folder, installed for TransactionalScope and the
-// server configuration factory. Reopen() drops every connection and opens the file afresh.
+// A configuration database file in a temporary folder with every manager on it, installed for
+// TransactionalScope and the server configuration factory. Reopen() drops every connection and
+// opens the file afresh.
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -12,23 +13,28 @@
 #include <memory>
 #include <string>
 
+#include "AuthenticationConfigManager.h"
 #include "ConfigDatabase.h"
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
+#include "ScheduleEntryManager.h"
+#include "ServerConfigManager.h"
+#include "SyncConfiguration.h"
 
 namespace sync {
 namespace test {
 
-class DatabaseTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_TRUE(dir.isValid());
-        Reopen();
-    }
-    void TearDown() override { Close(); }
+class SqliteStore {
+public:
+    SqliteStore() { Reopen(); }
+    ~SqliteStore() { Close(); }
     void Close() {
         folders.reset();
         files.reset();
+        accounts.reset();
+        servers.reset();
+        schedule.reset();
+        settings.reset();
         database::ConfigDatabase::Uninstall();
         db.reset();
     }
@@ -38,6 +44,10 @@ protected:
         database::ConfigDatabase::Install(db);
         folders = std::make_shared<database::FolderConfigManager>(db);
         files = std::make_shared<database::FileConfigManager>(db);
+        accounts = std::make_shared<database::AuthenticationConfigManager>(db);
+        servers = std::make_shared<database::ServerConfigManager>(db);
+        schedule = std::make_shared<database::ScheduleEntryManager>(db);
+        settings = std::make_shared<database::SyncConfiguration>(db);
     }
     QString Path() const { return dir.filePath(QStringLiteral("sync.db")); }
 
@@ -45,7 +55,13 @@ protected:
     std::shared_ptr<database::ConfigDatabase> db;
     std::shared_ptr<database::FolderConfigManager> folders;
     std::shared_ptr<database::FileConfigManager> files;
+    std::shared_ptr<database::AuthenticationConfigManager> accounts;
+    std::shared_ptr<database::ServerConfigManager> servers;
+    std::shared_ptr<database::ScheduleEntryManager> schedule;
+    std::shared_ptr<database::SyncConfiguration> settings;
 };
+
+class DatabaseTest : public ::testing::Test, public SqliteStore {};
 
 // Runs sql on a connection of its own, as another program would: to plant triggers, tables or
 // old files, and to look at what reached the disk.

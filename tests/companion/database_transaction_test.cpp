@@ -1,14 +1,15 @@
 // TransactionalScope on the configuration database: what a batch keeps, and what becomes of it
-// when the disk fills, a commit is refused, another process holds the lock or the process dies.
+// when the disk fills, a commit is refused, another process holds the lock or a statement fails.
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <chrono>
+#include <functional>
 #include <optional>
 #include <stdexcept>
+#include <thread>
 
 #include "ConfigDatabaseImpl.h"
 #include "DatabaseActionLog.h"
@@ -17,9 +18,7 @@
 #include "TransactionalScope.h"
 
 using namespace sync::config;
-using sync::database::ConfigDatabase;
 using sync::database::DatabaseException;
-using sync::database::FolderConfigManager;
 using sync::database::TransactionalScope;
 using sync::test::ExecOnFile;
 using sync::test::QueryOnFile;
@@ -39,119 +38,128 @@ protected:
         for (const auto& f : folders->GetRootFolders()) names << f.name;
         return names.join(", ").toStdString();
     }
+    // What fn throws as DatabaseException, if anything.
+    static std::optional<DatabaseException> Thrown(const std::function<void()>& fn) {
+        try {
+            fn();
+        } catch (const DatabaseException& e) {
+            return e;
+        }
+        return std::nullopt;
+    }
     // The failure must name the file, so that a user knows which one to look at.
-    void ExpectNamesTheFile(const std::optional<DatabaseException>& e, const char* what) {
-        ASSERT_TRUE(e.has_value()) << what << " was not reported";
+    void ExpectReported(const std::optional<DatabaseException>& e, const char* reason) {
+        ASSERT_TRUE(e.has_value()) << reason << " was not reported";
         EXPECT_TRUE(QString::fromUtf8(e->what()).contains(Path())) << e->what();
+        EXPECT_TRUE(e->reason().contains(QLatin1String(reason))) << e->what();
     }
 };
 
-// Writes past the limit fail with EFBIG, as on a full disk; SIGXFSZ is ignored meanwhile so
+// Writes fail with EFBIG while one lives, as on a full disk; SIGXFSZ is ignored meanwhile so
 // that the process lives to see the error.
-class FileSizeLimit {
-public:
-    void Arm(rlim_t bytes) {
-        getrlimit(RLIMIT_FSIZE, &_saved);
-        _previous = signal(SIGXFSZ, SIG_IGN);
-        rlimit limit = _saved;
-        limit.rlim_cur = bytes;
-        setrlimit(RLIMIT_FSIZE, &limit);
-        _armed = true;
+struct FullDisk {
+    FullDisk() {
+        getrlimit(RLIMIT_FSIZE, &saved);
+        previous = signal(SIGXFSZ, SIG_IGN);
+        rlimit none = saved;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_FSIZE, &none);
     }
-    void Release() {
-        if (!_armed) return;
-        setrlimit(RLIMIT_FSIZE, &_saved);
-        signal(SIGXFSZ, _previous);
-        _armed = false;
+    ~FullDisk() {
+        setrlimit(RLIMIT_FSIZE, &saved);
+        signal(SIGXFSZ, previous);
     }
-    ~FileSizeLimit() { Release(); }
-
-private:
-    rlimit _saved{};
-    sighandler_t _previous = SIG_DFL;
-    bool _armed = false;
+    rlimit saved{};
+    sighandler_t previous;
 };
 
-// Action log entries made inside a scope are written after it, whatever becomes of it.
+// A scope made inside another is a savepoint of the outer transaction: committed, it is still
+// undone with it; made after the outer one committed, it opens a transaction of its own. An
+// inner scope unwound by an exception is in config_store_contract_test. Action log entries
+// made inside a scope are written after it, whatever becomes of it.
 TEST_F(TransactionTest, ScopeKeepsItsWritesUnlessAnExceptionLeavesItUncommitted) {
     sync::database::DatabaseActionLog log(db);
     const struct {
         const char* name;
         bool commit;
+        bool inner;  // after the commit, if any: a scope that writes and commits
         bool raise;
         bool kept;
     } rows[] = {
-        {"committed", true, false, true},
-        {"ran out", false, false, true},
-        {"left by an exception", false, true, false},
-        {"committed, then an exception", true, true, true},
+        {"committed", true, false, false, true},
+        {"ran out", false, false, false, true},
+        {"left by an exception", false, false, true, false},
+        {"committed, then an exception", true, false, true, true},
+        {"inner committed, ran out", false, true, false, true},
+        {"inner committed, left by an exception", false, true, true, false},
+        {"committed, then a scope", true, true, false, true},
     };
     QStringList kept;
     for (const auto& row : rows) {
+        const QString name = QLatin1String(row.name), innerName = name + QLatin1String(" inner");
         try {
             TransactionalScope scope;
-            AddRoot(row.name);
-            log.AddFolderEntry(2, QString("/data/") + row.name, row.name);
-            EXPECT_TRUE(db->InTransaction()) << row.name;
-            EXPECT_NE(RootNames().find(row.name), std::string::npos) << row.name << ": unseen";
+            AddRoot(name);
+            log.AddFolderEntry(2, "/data/" + name, name);
             if (row.commit) scope.commit();
-            EXPECT_EQ(db->InTransaction(), !row.commit) << row.name;
+            if (row.inner) {
+                {
+                    TransactionalScope inner;
+                    AddRoot(innerName);
+                    inner.commit();
+                }
+                EXPECT_EQ(TransactionalScope::Depth(), 1) << row.name;
+            }
             if (row.raise) throw std::runtime_error(row.name);
         } catch (const std::runtime_error&) {
         }
         EXPECT_FALSE(db->InTransaction()) << row.name;
-        if (row.kept) kept << row.name;
+        if (row.kept) kept << name;
+        if (row.kept && row.inner) kept << innerName;
         EXPECT_EQ(RootNames(), kept.join(", ").toStdString()) << row.name;
     }
     log.Flush();
     EXPECT_EQ(log.PendingCount(), 0);
-    EXPECT_EQ(log.Entries().size(), 4);
-    Reopen();
-    EXPECT_EQ(RootNames(), kept.join(", ").toStdString());
+    EXPECT_EQ(log.Entries().size(), 7);
 }
 
-TEST_F(TransactionTest, NestedScopesAreSavepointsOfTheOuterTransaction) {
-    {
-        TransactionalScope outer;
-        AddRoot("outer");
-        try {
-            TransactionalScope inner;
-            AddRoot("inner-failed");
-            throw std::runtime_error("inner");
-        } catch (const std::runtime_error&) {
-        }
-        {
-            TransactionalScope inner;
-            AddRoot("inner-kept");
-            inner.commit();
-        }
-        EXPECT_EQ(TransactionalScope::Depth(), 1);
-    }
-    EXPECT_EQ(RootNames(), "outer, inner-kept");
+// An operation of several statements that fails half-way undoes the statements before it,
+// inside a scope and outside one; the scope's earlier writes stay. Removing a root deletes its
+// files first, then its folders; adding a root inserts the record, then makes it its own root.
+TEST_F(TransactionTest, OperationThatFailsHalfWayLeavesNoneOfItsWrites) {
+    ASSERT_TRUE(AddRoot("r"));
+    const FolderConfiguration root = folders->GetRootFolders().value(0);
+    FolderConfiguration sub;
+    sub.name = "s";
+    sub.parentId = root.id;
+    ASSERT_TRUE(folders->AddFolder(sub));
+    FileConfiguration file;
+    file.rootId = root.id;
+    ASSERT_TRUE(files->AddFile(file));
+    ExecOnFile(Path(),
+               "CREATE TRIGGER refuse_delete BEFORE DELETE ON folders WHEN old.name = 's' "
+               "BEGIN SELECT RAISE(ABORT, 'refused'); END;"
+               "CREATE TRIGGER refuse_root BEFORE UPDATE OF root_id ON folders "
+               "WHEN new.name = 'refused' BEGIN SELECT RAISE(ABORT, 'refused'); END;");
+    for (const bool inScope : {false, true}) {
+        SCOPED_TRACE(inScope ? "inside a scope" : "outside a scope");
+        std::optional<TransactionalScope> scope;
+        if (inScope) scope.emplace();
+        ASSERT_TRUE(AddRoot(inScope ? "kept in scope" : "kept"));
 
-    // A committed inner scope is still undone with its outer transaction.
-    EXPECT_THROW(
-        {
-            TransactionalScope outer;
-            {
-                TransactionalScope inner;
-                AddRoot("undone");
-                inner.commit();
-            }
-            throw std::runtime_error("outer");
-        },
-        std::runtime_error);
-    EXPECT_EQ(RootNames(), "outer, inner-kept");
+        EXPECT_FALSE(folders->RemoveRootFolder(root.id));
+        FolderConfiguration refused;
+        refused.name = "refused";
+        EXPECT_FALSE(folders->AddFolder(refused));
+        EXPECT_EQ(refused.id, -1);
 
-    // A scope made after its outer one committed opens a transaction of its own.
-    TransactionalScope outer;
-    outer.commit();
-    {
-        TransactionalScope inner;
-        AddRoot("after-commit");
+        if (scope) scope->commit();
+        EXPECT_FALSE(db->InTransaction());
+        EXPECT_TRUE(files->GetFileById(file.id) == file);
     }
-    EXPECT_FALSE(db->InTransaction());
-    EXPECT_EQ(RootNames(), "outer, inner-kept, after-commit");
+    Reopen();
+    EXPECT_EQ(RootNames(), "r, kept, kept in scope");
+    EXPECT_EQ(QueryOnFile(Path(), "SELECT count(*) FROM folders"), 4);
 }
 
 // A batch whose COMMIT fails is rolled back and reported: by commit() itself, or, when the
@@ -189,17 +197,14 @@ TEST_F(TransactionTest, FailedCommitIsRolledBackReportedAndLaterBatchesReachTheD
                              QLatin1String(row.name);
         // Empty, so that the commit's first frame already passes the limit.
         if (row.cause == Cause::DiskFull) ExecOnFile(Path(), "PRAGMA wal_checkpoint(TRUNCATE)");
-        std::optional<DatabaseException> reported;
-        FileSizeLimit limit;
-        try {
+        std::optional<FullDisk> full;
+        auto reported = Thrown([&] {
             TransactionalScope scope;
             EXPECT_TRUE(AddRoot(lost));
-            if (row.cause == Cause::DiskFull) limit.Arm(0);
+            if (row.cause == Cause::DiskFull) full.emplace();
             if (row.ending == Ending::Commit) scope.commit();
-        } catch (const DatabaseException& e) {
-            reported = e;
-        }
-        limit.Release();
+        });
+        full.reset();
         EXPECT_FALSE(db->InTransaction());
         if (row.ending == Ending::RanOut) {
             EXPECT_FALSE(reported.has_value()) << "a destructor threw";
@@ -209,14 +214,10 @@ TEST_F(TransactionTest, FailedCommitIsRolledBackReportedAndLaterBatchesReachTheD
                 else
                     folders->GetRootFolders();
             };
-            try {
-                next();
-            } catch (const DatabaseException& e) {
-                reported = e;
-            }
+            reported = Thrown(next);
             EXPECT_NO_THROW(next()) << "reported more than once";
         }
-        ExpectNamesTheFile(reported, "the lost batch");
+        ExpectReported(reported, "commit");
 
         const QString after = QStringLiteral("after ") + QLatin1String(row.name);
         {
@@ -249,15 +250,7 @@ TEST_F(TransactionTest, DiskFullHalfWayThroughABatchKeepsNoneOfItAndIsReported) 
     }
     ASSERT_GT(addedBeforeFull, 0) << "the limit left no room for the test";
     ASSERT_GT(failed, 1);
-    std::optional<DatabaseException> reported;
-    try {
-        folders->GetRootFolders();
-    } catch (const DatabaseException& e) {
-        reported = e;
-    }
-    ExpectNamesTheFile(reported, "the lost batch");
-    EXPECT_TRUE(reported && reported->reason().contains(QLatin1String("full")))
-        << (reported ? reported->what() : "");
+    ExpectReported(Thrown([&] { folders->GetRootFolders(); }), "full");
 
     db->impl().Exec("PRAGMA max_page_count = 1073741823");
     ASSERT_TRUE(AddRoot("after"));
@@ -265,114 +258,42 @@ TEST_F(TransactionTest, DiskFullHalfWayThroughABatchKeepsNoneOfItAndIsReported) 
     EXPECT_EQ(RootNames(), "before, after");
 }
 
-// Another process writes: a scope waits for its lock, and gives up only after the busy
-// timeout, with an error that names the file.
+// Another program writes: a scope waits for its lock, and gives up only after the busy timeout,
+// with an error that names the file. SQLite locks a connection of this process out just as it
+// locks out another process.
 TEST_F(TransactionTest, ScopeWaitsForAnotherWriterAndNamesTheFileWhenItGivesUp) {
     EXPECT_GE(db->BusyTimeoutMs(), 30000) << "ordinary contention must not fail a batch";
-    for (const bool heldPastTimeout : {false, true}) {
-        SCOPED_TRACE(heldPastTimeout ? "held past the timeout" : "held briefly");
-        int go[2], locked[2], release[2];
-        ASSERT_EQ(pipe(go), 0);
-        ASSERT_EQ(pipe(locked), 0);
-        ASSERT_EQ(pipe(release), 0);
-        // SQLite's lock bookkeeping must not be copied into the child: fork with no connection
-        // open, and open ours again afterwards.
-        Close();
-        const pid_t child = fork();
-        ASSERT_NE(child, -1);
-        if (child == 0) {
-            // Only the C library and _exit from here: no destructor of the parent's objects.
-            sqlite3* other = nullptr;
-            char byte = 0;
-            if (sqlite3_open(QFile::encodeName(Path()).constData(), &other) != SQLITE_OK ||
-                read(go[0], &byte, 1) != 1 ||
-                sqlite3_exec(other,
-                             "BEGIN IMMEDIATE; INSERT OR REPLACE INTO settings VALUES "
-                             "('other writer', 1)",
-                             nullptr, nullptr, nullptr) != SQLITE_OK ||
-                write(locked[1], "L", 1) != 1)
-                _exit(3);
-            if (heldPastTimeout) {
-                if (read(release[0], &byte, 1) != 1) _exit(4);
-            } else {
-                usleep(400 * 1000);
-            }
-            _exit(sqlite3_exec(other, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK ? 0 : 5);
-        }
-        Reopen();
-        if (heldPastTimeout) db->SetBusyTimeoutMs(200);
-        char byte = 0;
-        ASSERT_EQ(write(go[1], "G", 1), 1);
-        ASSERT_EQ(read(locked[0], &byte, 1), 1);
-
-        std::optional<DatabaseException> reported;
-        try {
+    sqlite3* other = nullptr;
+    ASSERT_EQ(sqlite3_open(QFile::encodeName(Path()).constData(), &other), SQLITE_OK);
+    const auto otherWrites = [&](const char* sql) {
+        EXPECT_EQ(sqlite3_exec(other, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sql;
+    };
+    const auto batch = [&](const char* name) {
+        return Thrown([&] {
             TransactionalScope scope;
-            AddRoot("waited");
-        } catch (const DatabaseException& e) {
-            reported = e;
-        }
-        if (heldPastTimeout) {
-            ExpectNamesTheFile(reported, "the lock timeout");
-            EXPECT_TRUE(reported && reported->reason().contains(QLatin1String("locked")))
-                << (reported ? reported->what() : "");
-            EXPECT_FALSE(db->InTransaction());
-            ASSERT_EQ(write(release[1], "R", 1), 1);
-        } else {
-            EXPECT_FALSE(reported.has_value()) << reported->what();
-        }
-        int status = 0;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-        for (int* p : {go, locked, release}) {
-            close(p[0]);
-            close(p[1]);
-        }
-    }
-    // The other writer's batch and ours both reached the file; once it is done, writing works
-    // again at once.
-    EXPECT_EQ(QueryOnFile(Path(), "SELECT count(*) FROM settings WHERE key = 'other writer'"), 1);
+            AddRoot(name);
+        });
+    };
+
+    otherWrites("BEGIN IMMEDIATE; INSERT OR REPLACE INTO settings VALUES ('other', 1)");
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        otherWrites("COMMIT");
+    });
+    const auto waited = batch("waited");
+    release.join();
+    EXPECT_FALSE(waited.has_value()) << waited->what();
+
+    db->SetBusyTimeoutMs(200);
+    otherWrites("BEGIN IMMEDIATE; INSERT OR REPLACE INTO settings VALUES ('other', 2)");
+    ExpectReported(batch("gave up"), "locked");
+    EXPECT_FALSE(db->InTransaction());
+    // Once the other writer is done, writing works again at once.
+    otherWrites("COMMIT");
+    sqlite3_close(other);
     ASSERT_TRUE(AddRoot("later"));
     Reopen();
     EXPECT_EQ(RootNames(), "waited, later");
-}
-
-// A process that dies inside a transaction loses that transaction and nothing else.
-TEST_F(TransactionTest, CrashInsideATransactionLosesOnlyThatTransaction) {
-    Close();
-    const pid_t child = fork();
-    ASSERT_NE(child, -1);
-    if (child == 0) {
-        // Only async-safe exits from here: _exit skips every destructor and atexit handler.
-        try {
-            auto childDb = ConfigDatabase::Open(Path());
-            ConfigDatabase::Install(childDb);
-            FolderConfigManager childFolders(childDb);
-            FolderConfiguration kept, lost;
-            kept.name = "committed-before-crash";
-            {
-                TransactionalScope scope;
-                childFolders.AddFolder(kept);
-                scope.commit();
-            }
-            TransactionalScope open;
-            for (int i = 0; i < 50; ++i) childFolders.AddFolder(lost);
-            kept.syncStatus = FolderSynchronizationStatus::OutOfSync;
-            childFolders.UpdateFolder(kept);
-            _exit(0);
-        } catch (...) {
-            _exit(3);
-        }
-    }
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "child status " << status;
-
-    Reopen();
-    ASSERT_EQ(RootNames(), "committed-before-crash");
-    EXPECT_EQ(folders->GetRootFolders()[0].syncStatus, FolderSynchronizationStatus::Synchronizing);
-    AddRoot("after");  // the file stays writable after the crash
-    EXPECT_EQ(RootNames(), "committed-before-crash, after");
 }
 
 }  // namespace
