@@ -39,49 +39,36 @@ QString Keys(const Map& map) {
     return Keys(QStringList(map.keys()));  // a QList<QString> under Qt 5
 }
 
-// Lists the paths it is given as files, with no need for them to exist.
-class FileListWalker : public sync::interf::IQDirIteratorWrapper,
-                       public sync::interf::IQFileInfoWrapper {
+// Lists the entries it is given, with no need for them to exist.
+class ListedWalker : public sync::interf::IQDirIteratorWrapper,
+                     public sync::interf::IQFileInfoWrapper {
 public:
-    explicit FileListWalker(QStringList paths) : _paths(std::move(paths)) {}
+    struct Entry {
+        Entry(QString p = {}, bool d = false, QString u = {}) : path(p), dir(d), undecodable(u) {}
+        QString path;
+        bool dir;
+        QString undecodable;  // the name's bytes, escaped, when they are not valid UTF-8
+    };
+    explicit ListedWalker(QList<Entry> entries) : _entries(std::move(entries)) {}
     std::shared_ptr<sync::interf::IQFileInfoWrapper> FileInfo() override {
         return std::shared_ptr<sync::interf::IQFileInfoWrapper>(this, [](auto*) {});
     }
-    bool HasNext() override { return !_paths.isEmpty(); }
-    QString Next() override { return _current = _paths.takeFirst(); }
-    QString AbsoluteFilePath() override { return _current; }
-    QString FileName() override { return _current.section('/', -1); }
+    bool HasNext() override { return !_entries.isEmpty(); }
+    QString Next() override { return (_current = _entries.takeFirst()).path; }
+    QString AbsoluteFilePath() override { return _current.path; }
+    QString FileName() override { return _current.path.section('/', -1); }
     qint64 Size() override { return 1; }
-    QDateTime LastModified() override { return QDateTime::currentDateTime(); }
-    bool IsFile() override { return true; }
-    bool IsDir() override { return false; }
+    QDateTime LastModified() override { return QDateTime(QDate(2024, 5, 1), QTime(12, 0)); }
+    bool IsFile() override { return !_current.dir; }
+    bool IsDir() override { return _current.dir; }
     bool IsSymLink() override { return false; }
     bool IsHidden() override { return false; }
     bool Exists() override { return true; }
+    QString UndecodableName() override { return _current.undecodable; }
 
 private:
-    QStringList _paths;
-    QString _current;
-};
-
-// Lists entries whose names are not valid UTF-8, as the walker reports them: a lossy path, the
-// escaped bytes and the kind.
-class UndecodableNameWalker : public FileListWalker {
-public:
-    UndecodableNameWalker(QStringList paths, QStringList escaped, QList<bool> dirs)
-        : FileListWalker(paths), _escaped(std::move(escaped)), _dirs(std::move(dirs)) {}
-    QString Next() override {
-        ++_index;
-        return FileListWalker::Next();
-    }
-    QString UndecodableName() override { return _escaped.value(_index); }
-    bool IsFile() override { return !_dirs.value(_index); }
-    bool IsDir() override { return _dirs.value(_index); }
-
-private:
-    QStringList _escaped;
-    QList<bool> _dirs;
-    int _index = -1;
+    QList<Entry> _entries;
+    Entry _current;
 };
 
 // The fake core, whose walk a test can replace.
@@ -112,6 +99,11 @@ protected:
     }
 
     QString At(const QString& below) const { return rootPath + '/' + below; }
+    // Sorted, joined by spaces, the root's path left out.
+    QString Below(QStringList paths) const {
+        paths.sort();
+        return paths.join(' ').remove(rootPath + '/');
+    }
 
     // A generated file's record, as the engine keeps one for a file it made from another.
     int AddGenerated(const QString& below, int parentFileId) {
@@ -140,107 +132,75 @@ protected:
     QStringList fileSignals, folderSignals, notAllowedSignals;
 };
 
-TEST_F(LocalTreeRetrieverTest, WalksWhatTheScopeAndOptionsSelect) {
-    for (const char* below : {"a.txt", ".hidden.txt", "Sub/b.txt", "Sub/Deep/c.txt",
-                              ".hiddenDir/d.txt", "Private/p.txt", "skip.tmp",
-                              // The engine's own folders, in whatever letter case the disk has.
-                              ".{syncTEMP}/t.txt", "Sub/.{SYNCBACKUP}/x.BASE"})
+// What the walk leaves out by a rule is named, so that planning leaves it alone. Names that
+// differ only in letter case share a key: both are left out, and the user is told why.
+TEST_F(LocalTreeRetrieverTest, WalksWhatTheScopeSelectsAndNamesWhatItLeavesOut) {
+    for (const char* below :
+         {"a.txt", ".hidden.txt", "Sub/b.txt", "Sub/Deep/c.txt", ".hiddenDir/d.txt",
+          "Private/p.txt", "skip.tmp", "Sub/Notes.txt", "Sub/notes.txt", "Pics/a.jpg", "pics/b.jpg",
+          // The engine's own folders, in whatever letter case the disk has.
+          ".{syncTEMP}/t.txt", "Sub/.{SYNCBACKUP}/x.BASE"})
         WriteFile(At(below));
     // Links are never followed, so a loop cannot trap the walk, and never listed.
     ASSERT_TRUE(QFile::link(rootPath, At("Sub/loop")));
     ASSERT_TRUE(QFile::link(At("a.txt"), At("link.txt")));
     filter->excluded = QStringList{"/skip.tmp", "/Private"};
+    const char* const kWholeTreeFiles =
+        "a.txt pics/a.jpg pics/b.jpg private/p.txt sub/b.txt "
+        "sub/deep/c.txt";
     const struct {
         const char* name;
         int syncScope;
         bool hidden;
-        const char *files, *folders;
+        QString files;
+        const char *folders, *excludedFiles, *excludedFolders, *filtered;
     } rows[] = {
-        {"WholeTree", 0, false, "a.txt private/p.txt sub/b.txt sub/deep/c.txt",
-         "/docs sub sub/deep"},
-        {"WholeTreeWithHidden", 0, true,
-         ".hidden.txt .hiddendir/d.txt a.txt private/p.txt sub/b.txt sub/deep/c.txt",
-         "/docs .hiddendir sub sub/deep"},
-        {"RootOnly", 1, false, "a.txt", "/docs"},
-        {"RootOnlyWithHidden", 1, true, ".hidden.txt a.txt", "/docs"},
-        {"NothingForOtherScopes", 2, true, "", "/docs"},
+        {"WholeTree", 0, false, kWholeTreeFiles, "/docs sub sub/deep", "skip.tmp sub/notes.txt",
+         "pics private", "3 local file(s) and 3"},
+        {"WholeTreeWithHidden", 0, true, QString(".hidden.txt .hiddendir/d.txt ") + kWholeTreeFiles,
+         "/docs .hiddendir sub sub/deep", "skip.tmp sub/notes.txt", "pics private",
+         "3 local file(s) and 3"},
+        {"RootOnly", 1, false, "a.txt", "/docs", "skip.tmp", "", "1 local file(s) and 0"},
+        {"RootOnlyWithHidden", 1, true, ".hidden.txt a.txt", "/docs", "skip.tmp", "",
+         "1 local file(s) and 0"},
+        {"NothingForOtherScopes", 2, true, "", "/docs", "", "", ""},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
         root.syncScope = row.syncScope;
         root.setSyncOption(row.hidden ? sync::config::SyncHiddenEntries : 0);
         fileSignals.clear();
+        folderSignals.clear();
         notAllowedSignals.clear();
         LogCapture log;
         auto tree = retriever.GetEntryInfoTree(root);
 
         EXPECT_EQ(row.files, Keys(tree->fileMap));
         EXPECT_EQ(row.folders, Keys(tree->folderMap));
+        EXPECT_EQ(row.excludedFiles, Keys(QStringList(tree->excludedFileKeys.values())));
+        EXPECT_EQ(row.excludedFolders, Keys(QStringList(tree->excludedFolderKeys.values())));
+        EXPECT_EQ(tree->hiddenEntriesExcluded, !row.hidden);
         EXPECT_FALSE(filter->sides.contains(true));
-        if (row.syncScope != 0) continue;
-        EXPECT_EQ(QStringList{At("Private")}, notAllowedSignals);
-        EXPECT_EQ(QStringList{At("skip.tmp")}, fileSignals);
         // The engine's folders are skipped silently, not counted as filtered.
         EXPECT_EQ(log.Messages(log4cplus::INFO_LOG_LEVEL),
-                  QStringList{"Filtered out 1 local file(s) and 1 folder(s)"});
-        EXPECT_TRUE(
-            log.Contains(log4cplus::DEBUG_LOG_LEVEL, "Filtered out local folder " + At("Private")));
+                  *row.filtered
+                      ? QStringList{QString("Filtered out %1 folder(s)").arg(row.filtered)}
+                      : QStringList());
+        const bool whole = row.syncScope == 0;
+        EXPECT_EQ(Below(fileSignals), whole                ? "Sub/Notes.txt Sub/notes.txt skip.tmp"
+                                      : row.syncScope == 1 ? "skip.tmp"
+                                                           : "");
+        EXPECT_EQ(Below(folderSignals), whole ? "Pics pics" : "");
+        EXPECT_EQ(Below(notAllowedSignals), whole ? "Private" : "");
+        const QStringList warnings = log.Messages(log4cplus::WARN_LOG_LEVEL);
+        EXPECT_EQ(warnings.size(), whole ? 2 : 0);
+        for (const QString& w : warnings) {
+            EXPECT_TRUE(w.contains("their names differ only in letter case")) << w.toStdString();
+            EXPECT_TRUE((w.contains(At("Sub/Notes.txt")) && w.contains(At("Sub/notes.txt"))) ||
+                        (w.contains(At("Pics")) && w.contains(At("pics"))))
+                << w.toStdString();
+        }
     }
-}
-
-// What the walk leaves out by a rule is named, so that planning can leave it alone; names that
-// differ only in letter case share a key and are both left out, and the user is told why.
-TEST_F(LocalTreeRetrieverTest, LeftOutEntriesAreNamedAndLetterCaseClashesReported) {
-    for (const char* below : {"ok.txt", "Sub/Notes.txt", "Sub/notes.txt", "Pics/a.jpg",
-                              "pics/b.jpg", "Private/p.txt", "skip.tmp", ".hidden.txt"})
-        WriteFile(At(below));
-    filter->excluded = QStringList{"/skip.tmp", "/Private"};
-    LogCapture log;
-
-    auto tree = retriever.GetEntryInfoTree(root);
-
-    EXPECT_EQ("ok.txt pics/a.jpg pics/b.jpg private/p.txt", Keys(tree->fileMap));
-    EXPECT_EQ("/docs sub", Keys(tree->folderMap));
-    EXPECT_EQ("skip.tmp sub/notes.txt", Keys(QStringList(tree->excludedFileKeys.values())));
-    EXPECT_EQ("pics private", Keys(QStringList(tree->excludedFolderKeys.values())));
-    EXPECT_TRUE(tree->hiddenEntriesExcluded);
-    fileSignals.sort();
-    folderSignals.sort();
-    EXPECT_EQ(QStringList({At("Sub/Notes.txt"), At("Sub/notes.txt"), At("skip.tmp")}), fileSignals);
-    EXPECT_EQ(QStringList({At("Pics"), At("pics")}), folderSignals);
-    const QStringList warnings = log.Messages(log4cplus::WARN_LOG_LEVEL);
-    ASSERT_EQ(2, warnings.size());
-    for (const QString& w : warnings) {
-        EXPECT_TRUE(w.contains("their names differ only in letter case")) << w.toStdString();
-        EXPECT_TRUE((w.contains(At("Sub/Notes.txt")) && w.contains(At("Sub/notes.txt"))) ||
-                    (w.contains(At("Pics")) && w.contains(At("pics"))))
-            << w.toStdString();
-    }
-    EXPECT_EQ(QStringList{"Filtered out 3 local file(s) and 3 folder(s)"},
-              log.Messages(log4cplus::INFO_LOG_LEVEL));
-}
-
-// A name that is not valid UTF-8 cannot be written back or sent: left out, counted and named.
-TEST_F(LocalTreeRetrieverTest, NamesThatAreNotUtf8AreLeftOutWithAWarning) {
-    const QString lossyFile = At("Sub/caf\uFFFD.txt"), lossyFolder = At("\uFFFDtude");
-    core->walker = std::make_shared<UndecodableNameWalker>(
-        QStringList{At("ok.txt"), lossyFile, lossyFolder},
-        QStringList{"", "caf\\xE9.txt", "\\xC9tude"}, QList<bool>{false, false, true});
-    LogCapture log;
-
-    auto tree = retriever.GetEntryInfoTree(root);
-
-    EXPECT_EQ("ok.txt", Keys(tree->fileMap));
-    EXPECT_EQ("/docs", Keys(tree->folderMap));
-    EXPECT_EQ(QStringList{lossyFile}, fileSignals);
-    EXPECT_EQ(QStringList{lossyFolder}, folderSignals);
-    EXPECT_EQ(QStringList({"Leaving out caf\\xE9.txt in local folder " + At("Sub") +
-                               ": its name is not valid UTF-8.",
-                           "Leaving out \\xC9tude in local folder " + rootPath +
-                               ": its name is not valid UTF-8."}),
-              log.Messages(log4cplus::WARN_LOG_LEVEL));
-    EXPECT_EQ(QStringList{"Filtered out 1 local file(s) and 1 folder(s)"},
-              log.Messages(log4cplus::INFO_LOG_LEVEL));
 }
 
 // Server paths get exactly one "/" at the seam, whatever either side ends or starts with.
@@ -261,69 +221,65 @@ TEST_F(LocalTreeRetrieverTest, RecordsCarryTheDiskAndTheRootValues) {
 
         const QString folderPath = row.folderServerPath;
         const FileConfiguration file = tree->fileMap.value((folderPath + "/Report.TXT").toLower());
-        EXPECT_EQ(At("Sub/Report.TXT"), file.localPath);
-        EXPECT_EQ(folderPath + "/Report.TXT", file.serverPath);
-        EXPECT_EQ("Report.TXT", file.name);
-        EXPECT_EQ(5, file.size);
-        EXPECT_EQ(5, file.rootId);
-        EXPECT_EQ(Qt::UTC, file.lastModified.timeSpec());
+        EXPECT_EQ(QStringList({file.localPath, file.serverPath, file.name}),
+                  QStringList({At("Sub/Report.TXT"), folderPath + "/Report.TXT", "Report.TXT"}));
+        EXPECT_EQ(std::make_pair(file.size, file.rootId), std::make_pair(qint64(5), 5));
         EXPECT_EQ(QFileInfo(file.localPath).lastModified(), file.lastModified);
         const FolderConfiguration folder = tree->folderMap.value(folderPath.toLower());
-        EXPECT_EQ(At("Sub"), folder.localPath);
-        EXPECT_EQ(folderPath, folder.serverPath);
-        EXPECT_EQ(folderPath, folder.path);
-        EXPECT_EQ("Sub", folder.name);
+        EXPECT_EQ(QStringList({folder.localPath, folder.serverPath, folder.path}),
+                  QStringList({At("Sub"), folderPath, folderPath}));
         EXPECT_EQ(5, folder.rootId);
         EXPECT_TRUE(tree->folderMap.contains(root.serverPath.toLower()));
     }
     EXPECT_EQ(QVector<qint64>(4, 5), filter->sizes);
 }
 
-// A folder or file is left out from the length limit on; what a folder left out holds is
-// judged on its own, and reported once, through the folder.
-TEST_F(LocalTreeRetrieverTest, LengthLimits) {
-    auto deepFolder = [this](const QString& lead, int length) {
-        QString path = At(lead);
-        while (path.size() < length)
-            path += '/' + QString(qMax(qMin(200, length - path.size() - 1), 1), 'd');
-        EXPECT_TRUE(QDir().mkpath(path));
-        return path;
+// A name that is not valid UTF-8 cannot be written back or sent; a path as long as the limit
+// cannot be created. Such entries are left out, counted and named. What a folder left out holds
+// is judged on its own, and reported once, through the folder. The walk is listed: a path of
+// LOCAL_FILE_MAX_PATH characters cannot even be stat'ed (PATH_MAX counts the final NUL).
+TEST_F(LocalTreeRetrieverTest, NamesThatAreNotUtf8AndPathsAtTheLengthLimitAreLeftOut) {
+    auto padded = [this](const QString& lead, int length) {
+        return At(lead) + QString(length - At(lead).size(), 'x');
     };
-    const QString atLimit = deepFolder("long", LOCAL_FOLDER_MAX_PATH);
-    const QString belowLimit = deepFolder("short", LOCAL_FOLDER_MAX_PATH - 1);
-    ASSERT_EQ(LOCAL_FOLDER_MAX_PATH, atLimit.size());
-    ASSERT_EQ(LOCAL_FOLDER_MAX_PATH - 1, belowLimit.size());
-    WriteFile(atLimit + "/f.txt");
+    const QString lossyFile = At("Sub/caf\uFFFD.txt"), lossyFolder = At("\uFFFDtude"),
+                  longFolder = padded("long", LOCAL_FOLDER_MAX_PATH),
+                  shortFolder = padded("short", LOCAL_FOLDER_MAX_PATH - 1),
+                  longFile =
+                      shortFolder + '/' + QString(LOCAL_FILE_MAX_PATH - LOCAL_FOLDER_MAX_PATH, 'f'),
+                  inLongFolder = longFolder + '/' +
+                                 QString(LOCAL_FILE_MAX_PATH - LOCAL_FOLDER_MAX_PATH - 1, 'f');
+    core->walker = std::make_shared<ListedWalker>(
+        QList<ListedWalker::Entry>{{lossyFile, false, "caf\\xE9.txt"},
+                                   {lossyFolder, true, "\\xC9tude"},
+                                   {longFolder, true},
+                                   {shortFolder, true},
+                                   {longFolder + "/f.txt"},
+                                   {longFile},
+                                   {longFile.chopped(1)},
+                                   {inLongFolder}});
+    LogCapture log;
 
     auto tree = retriever.GetEntryInfoTree(root);
 
-    QStringList paths;
-    for (const FolderConfiguration& f : tree->folderMap) paths << f.localPath;
-    for (const FileConfiguration& f : tree->fileMap) paths << f.localPath;
-    EXPECT_FALSE(paths.contains(atLimit));
-    EXPECT_TRUE(paths.contains(belowLimit));
-    EXPECT_TRUE(paths.contains(atLimit + "/f.txt"));
-    EXPECT_EQ(QStringList{atLimit}, folderSignals);
-    EXPECT_TRUE(fileSignals.isEmpty());
-
-    // A path of LOCAL_FILE_MAX_PATH characters cannot be stat'ed (PATH_MAX counts the final
-    // NUL), so files at the limit are fed through a walker that lists them by name.
-    const QString atFileLimit =
-        belowLimit + '/' + QString(LOCAL_FILE_MAX_PATH - belowLimit.size() - 1, 'f');
-    const QString inLongFolder =
-        atLimit + '/' + QString(LOCAL_FILE_MAX_PATH - atLimit.size() - 1, 'f');
-    ASSERT_EQ(LOCAL_FILE_MAX_PATH, atFileLimit.size());
-    core->walker = std::make_shared<FileListWalker>(
-        QStringList{atFileLimit, atFileLimit.chopped(1), inLongFolder});
-    LogCapture log;
-
-    tree = retriever.GetEntryInfoTree(root);
-
-    ASSERT_EQ(1, tree->fileMap.size());
-    EXPECT_EQ(atFileLimit.chopped(1), tree->fileMap.begin()->localPath);
-    EXPECT_EQ(QStringList{atFileLimit}, fileSignals);
+    QStringList kept;
+    for (const FolderConfiguration& f : tree->folderMap) kept << f.localPath;
+    for (const FileConfiguration& f : tree->fileMap) {
+        kept << f.localPath;
+        EXPECT_EQ(Qt::UTC, f.lastModified.timeSpec());  // the walker answers in local time
+    }
+    kept.sort();
+    EXPECT_EQ(kept,
+              (QStringList{rootPath, longFolder + "/f.txt", shortFolder, longFile.chopped(1)}));
+    EXPECT_EQ((QStringList{lossyFolder, longFolder}), folderSignals);
+    EXPECT_EQ((QStringList{lossyFile, longFile}), fileSignals);
+    EXPECT_EQ(QStringList({"Leaving out caf\\xE9.txt in local folder " + At("Sub") +
+                               ": its name is not valid UTF-8.",
+                           "Leaving out \\xC9tude in local folder " + rootPath +
+                               ": its name is not valid UTF-8."}),
+              log.Messages(log4cplus::WARN_LOG_LEVEL));
     EXPECT_EQ(log.Messages(log4cplus::INFO_LOG_LEVEL),
-              QStringList{"Filtered out 2 local file(s) and 0 folder(s)"});
+              QStringList{"Filtered out 3 local file(s) and 2 folder(s)"});
 }
 
 TEST_F(LocalTreeRetrieverTest, UnreadableFolderStopsTheWalk) {
@@ -340,13 +296,7 @@ TEST_F(LocalTreeRetrieverTest, UnreadableFolderStopsTheWalk) {
 TEST_F(LocalTreeRetrieverTest, MissingRootThrows) {
     const int generated = AddGenerated("missing.gen", -1);  // removed once checked
     root.localPath = At("gone");
-    try {
-        retriever.GetEntryInfoTree(root);
-        FAIL() << "no exception";
-    } catch (const sync::core::SyncException& e) {
-        EXPECT_EQ("The local root folder for " + root.localPath + " seems to be missing.",
-                  e.message);
-    }
+    EXPECT_THROW(retriever.GetEntryInfoTree(root), sync::core::SyncException);
     EXPECT_TRUE(GeneratedIds().contains(generated));
 }
 

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
 #include "EntryInfoTreeDiffer.h"
-#include "LocalConfigTreeDiffer.h"
-#include "ServerConfigTreeDiffer.h"
 
 using namespace sync::syncService;
 using sync::config::FileConfiguration;
@@ -77,16 +75,16 @@ TEST(TreeDifferWalkTest, AsksTheRightRuleAndCarriesTheRightRecord) {
         {"FileSyncedMissing", false, ConfigOnly, 0, 1, 31, 0, 1, "Deleted", "Deleted config"},
         {"FileSyncedMissingDeleteRefused", false, ConfigOnly, 0, 1, 31, 0, 0, "Deleted", ""},
         {"FileNotSynchronizedMissing", false, ConfigOnly, 3, 1, 31, 0, 1, "", ""},
-        {"FileNoServerIdMissing", false, ConfigOnly, 0, 0, 31, 0, 1, "", ""},
         {"FileNoServerIdPresentIsOfferedAsAdded", false, Both, 0, 0, 31, 0, 1, "Added",
          "Added other"},
         {"FileNotSynchronizedPresentRefused", false, Both, 3, 1, 31, 0, 0, "Added", ""},
         {"FileSyncedModified", false, Both, 0, 1, 31, 0, 1, "Modified", "Modified other"},
-        {"FileSyncedUnchanged", false, Both, 0, 1, 31, 0, 0, "Modified", ""},
         {"FileUnchangedNoDownloadBitOnServer", false, Both, 0, 1, 29, 1, 0, "Modified",
          "Deleted config"},
         {"FileUnchangedNoDownloadBitLocally", false, Both, 0, 1, 29, 0, 0, "Modified", ""},
-        {"FileUnsynchronisedNoDownloadBit", false, Both, 3, 0, 29, 1, 0, "Added", ""},
+        // Deleted here next to Added on the other side would be a pair no resolver takes.
+        {"FileNeverSynchronisedWithoutDownloadBitIsNotDeleted", false, Both, 3, 0, 29, 1, 0,
+         "Added", ""},
         {"FileNewAccepted", false, OtherOnly, 0, 1, 31, 1, 1, "Added", "Added other"},
         {"FileNewRefused", false, OtherOnly, 0, 1, 31, 1, 0, "Added", ""},
         {"FolderSyncedMissing", true, ConfigOnly, 0, 1, 31, 0, 1, "FolderDeleted",
@@ -124,23 +122,6 @@ TEST(TreeDifferWalkTest, AsksTheRightRuleAndCarriesTheRightRecord) {
         EXPECT_EQ(*c.expected ? QStringList{kind + kKey + ' ' + c.expected} : QStringList(),
                   Describe(change));
     }
-}
-
-// A file new on both sides that the account may not download used to come out as Deleted on
-// the server side next to Added on the local side: a pair no resolver takes, so the root
-// folder failed in every cycle.
-TEST(UnsynchronisedFileTest, NewOnBothSidesWithoutDownloadBitIsNotDeletedOnServer) {
-    auto file = Make<FileConfiguration>(kConfigPath, "local");
-    file.syncStatus = FileSynchronizationStatus::NotSynchronized;
-    EntryInfoTree config, local, server;
-    config.fileMap.insert(kKey, file);
-    local.fileMap.insert(kKey, file);
-    file.privileges = sync::config::PrivilegeAll & ~sync::config::PrivilegeDownload;
-    server.fileMap.insert(kKey, file);
-
-    EXPECT_TRUE(Describe(ServerConfigTreeDiffer().Diff(config, server, true)).isEmpty());
-    EXPECT_EQ(QStringList{"file " + kKey + " Added local"},
-              Describe(LocalConfigTreeDiffer().Diff(config, local, false)));
 }
 
 // The passes over new entries are skipped when every entry of the other tree was matched; a
