@@ -38,12 +38,12 @@ private:
     // Walks the key's components below the root: a component that names an excluded folder,
     // a hidden entry or one of the engine's own folders excludes the key.
     bool _BelowRootExcluded(const QString& key, bool isFolder) const {
-        if (!key.startsWith(_rootKey) || key.size() <= _rootKey.size() + 1 ||
-            key.at(_rootKey.size()) != QLatin1Char('/'))
-            return false;  // the root itself, or an entry outside it
+        // Every key of a root's trees starts with the root's key; only the root itself is short.
+        if (key.size() <= _rootKey.size() + 1 || key.at(_rootKey.size()) != QLatin1Char('/'))
+            return false;
         // Every key of every tree is checked on every cycle. Both name rules need a name that
         // starts with ".", so one search settles almost every key.
-        const bool dotName = key.indexOf(QLatin1String("/."), _rootKey.size()) >= 0;
+        const bool dotName = _HasNameStartingWithDot(key, _rootKey.size());
         if (_folders.isEmpty() && !dotName) return false;
         const bool nameRulesApply = dotName && (isFolder || !_localFiles.contains(key));
         if (nameRulesApply && _hidden) return true;
@@ -61,6 +61,16 @@ private:
                 return true;
             start = end + 1;
         }
+        return false;
+    }
+
+    // A plain scan: this runs for every key of the three trees, and QString's substring
+    // search costs several times more for a two-character needle.
+    static bool _HasNameStartingWithDot(const QString& key, int from) {
+        const QChar* data = key.constData();
+        const int last = key.size() - 1;
+        for (int i = from; i < last; ++i)
+            if (data[i].unicode() == u'/' && data[i + 1].unicode() == u'.') return true;
         return false;
     }
 
