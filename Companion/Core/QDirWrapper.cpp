@@ -36,5 +36,14 @@ bool QDirWrapper::Exists() {
     return info.exists() || info.isSymLink();
 }
 
+QStringList QDirWrapper::FileNames(const QStringList& nameFilters) {
+    // Sorting would cost a comparison per name for nothing: callers look at every name.
+    QDir dir(_dir->path());
+    dir.setNameFilters(nameFilters);
+    dir.setFilter(QDir::Files | QDir::Hidden | QDir::NoSymLinks | QDir::CaseSensitive);
+    dir.setSorting(QDir::Unsorted);
+    return dir.entryList();
+}
+
 }  // namespace core
 }  // namespace sync

@@ -20,6 +20,7 @@ public:
     bool DirectoryExists() override;
     bool RemoveDirectory(const QString& path) override;
     bool Exists() override;
+    QStringList FileNames(const QStringList& nameFilters) override;
 
 private:
     std::shared_ptr<QDir> _dir;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace sync {
 namespace interf {
@@ -21,6 +22,10 @@ public:
     virtual bool RemoveDirectory(const QString& path) = 0;
     // True when something exists at the path set by SetPath.
     virtual bool Exists() = 0;
+    // The names of the regular files (hidden ones too, no links, no folders) in the directory
+    // set by SetPath that match one of the wildcard patterns (letter case counts), in no
+    // particular order; empty when the directory cannot be read.
+    virtual QStringList FileNames(const QStringList& nameFilters) = 0;
 };
 
 }  // namespace interf

@@ -131,4 +131,20 @@ TEST(RemoveTest, TrueExactlyWhenNothingIsLeftAtThePath) {
     ::chmod(locked.constData(), 0700);
 }
 
+// The engine clears its temporary folders by pattern: every file that matches, hidden or not,
+// and nothing else: no folder or link that happens to match, no other letter case.
+TEST(DirectoryTest, FileNamesAreTheMatchingFilesOnly) {
+    QTemporaryDir tmp;
+    for (const char* name : {"a.TMP", ".hidden.TMP", "b.DWN", "c.txt", "d.tmp", "sub.TMP/x.TMP"})
+        WriteFile(tmp.filePath(name));
+    ASSERT_TRUE(QFile::link(tmp.filePath("a.TMP"), tmp.filePath("link.TMP")));
+    auto dir = CoreFactory().CreateQDirWrapper(nullptr);
+    dir->SetPath(tmp.path());
+    QStringList names = dir->FileNames({"*.TMP", "*.DWN"});
+    names.sort();
+    EXPECT_EQ(names.join(' ').toStdString(), ".hidden.TMP a.TMP b.DWN");
+    dir->SetPath(tmp.filePath("missing"));
+    EXPECT_TRUE(dir->FileNames({"*.TMP"}).isEmpty());
+}
+
 }  // namespace
