@@ -42,9 +42,9 @@ class Query;
 // not among them); Read takes column 0 as the id and the value columns after it.
 //
 // Values SQL has no type for:
-// - a time is two columns, milliseconds since the epoch (NULL for a null time) and the time
-//   spec: 0 local time, 1 UTC, 2 + 4 * offset seconds for a fixed offset, or the IANA id as
-//   text for a named time zone, so that a time comes back with the spec it was stored with;
+// - a time is two columns, milliseconds since the epoch (NULL for a null time) and its kind:
+//   0 local time, 1 UTC, 2 + 4 * offset seconds for a fixed offset, or the IANA id as text
+//   for a named time zone, so that a time comes back in the zone it was stored in;
 // - property maps, link lists and string lists are blobs in QDataStream's layout (version
 //   5.15), written by hand because a QDataStream per record costs more than the whole row.
 // - the lower-case local path is stored beside the path as the key of case-blind lookups.
