@@ -4,7 +4,6 @@
 // For the names of SQLite's result codes that SQLite::Exception reports.
 #include <sqlite3.h>
 
-#include <cstring>
 #include <string>
 
 #include "SyncLog.h"
@@ -77,20 +76,11 @@ SQLite::Statement& ConfigDatabase::Impl::Prepared(const char* sql) {
 }
 
 void ConfigDatabase::Impl::Exec(const char* sql) {
-    if (std::strcmp(sql, "BEGIN IMMEDIATE") == 0) {
-        BeginLevel();
-    } else if (std::strcmp(sql, "COMMIT") == 0) {
-        if (_levels.empty()) throw Error(QStringLiteral("COMMIT without a transaction"));
-        CommitLevel(static_cast<int>(_levels.size()) - 1);
-    } else if (std::strcmp(sql, "ROLLBACK") == 0) {
-        if (!_levels.empty()) RollbackLevel(static_cast<int>(_levels.size()) - 1);
-    } else {
-        if (_aborted) throw Error(*_aborted);
-        try {
-            _db->exec(sql);
-        } catch (const std::exception& e) {
-            throw Fail(e);
-        }
+    if (_aborted) throw Error(*_aborted);
+    try {
+        _db->exec(sql);
+    } catch (const std::exception& e) {
+        throw Fail(e);
     }
 }
 

@@ -43,8 +43,8 @@ public:
     // The prepared statement for sql, made on first use. sql must be a string with static
     // storage: its address is the cache key. Throws while a transaction is aborted (see Fail).
     SQLite::Statement& Prepared(const char* sql);
-    // Runs statements that return no rows. BEGIN IMMEDIATE, COMMIT and ROLLBACK go through
-    // the transaction levels, so that InTransaction() stays true to the connection.
+    // Runs statements that return no rows. Transactions go through the levels below, never
+    // through here, so that InTransaction() stays true to the connection.
     void Exec(const char* sql);
 
     // Transaction levels: the first is a BEGIN IMMEDIATE transaction, the ones inside it are

@@ -127,7 +127,7 @@ bool DatabaseActionLog::_WritePending() {
     if (_database->InTransaction()) return false;
     auto& impl = _database->impl();
     try {
-        impl.Exec("BEGIN IMMEDIATE");
+        const int level = impl.BeginLevel();
         try {
             for (const auto& e : _pending) {
                 Query q(impl, kInsert);
@@ -143,9 +143,9 @@ bool DatabaseActionLog::_WritePending() {
                 }
                 q.Run();
             }
-            impl.Exec("COMMIT");
+            impl.CommitLevel(level);
         } catch (...) {
-            if (_database->InTransaction()) impl.Exec("ROLLBACK");
+            impl.RollbackLevel(level);
             throw;
         }
         _pending.clear();
