@@ -348,8 +348,16 @@ void Synchronizer::_RecordRootException(const FolderConfiguration& root,
     try {
         std::rethrow_exception(error);
     } catch (const sync::http::HttpException& e) {
-        // An account that was removed while its root folder synchronised is no error.
-        if (e.code == http::Unauthorized && !_StillValidFolderConfig(root)) return;
+        // An account that was removed while its root folder synchronised is no error. A
+        // database that cannot answer now must not turn a reported failure into an escape.
+        bool removed = false;
+        if (e.code == http::Unauthorized) {
+            try {
+                removed = !_StillValidFolderConfig(root);
+            } catch (const std::exception&) {
+            }
+        }
+        if (removed) return;
         SYNC_LOG_ERROR("%1", e.what());
         ActionLog()->AddHttpErrorEntry(actionlog::RootFolderFailed, e.code, root.localPath,
                                        root.name, _ServerUrlOf(root));
