@@ -15,9 +15,13 @@ const int LOCAL_FOLDER_MAX_PATH = PATH_MAX - NAME_MAX;
 }  // namespace consts
 
 QStringList FolderUtilities::GetTruncatedList(const QStringList& list, int maxCount) {
-    if (maxCount < 0 || list.size() <= maxCount) return list;
-    QStringList out = list.mid(0, maxCount);
-    out.append(QStringLiteral("... and %1 more").arg(list.size() - maxCount));
+    return TruncatedList(list, list.size(), maxCount);
+}
+
+QStringList FolderUtilities::TruncatedList(const QStringList& first, int totalCount, int maxCount) {
+    if (maxCount < 0 || totalCount <= maxCount) return first;
+    QStringList out = first.mid(0, maxCount);
+    out.append(QStringLiteral("... and %1 more").arg(totalCount - maxCount));
     return out;
 }
 

@@ -1,9 +1,32 @@
 #include "SyncTaskDepot.h"
 
-#include "FolderUtilities.h"
+#include <QDir>
+#include <QSet>
 
 namespace sync {
 namespace syncService {
+
+namespace {
+
+// A path in the form FolderUtilities::IsParent compares, letter case folded; "" for "/".
+QString Normalized(const QString& path) {
+    QString cleaned = QDir::cleanPath(path).toLower();
+    if (cleaned.endsWith(QLatin1Char('/'))) cleaned.chop(1);
+    return cleaned;
+}
+
+// True when one of the folders is an ancestor of path at any depth, as IsParent decides it
+// without regard to case.
+bool HasAncestorIn(const QSet<QString>& folders, const QString& path) {
+    const QString child = QDir::cleanPath(path).toLower();
+    for (int slash = child.indexOf(QLatin1Char('/')); slash >= 0 && slash < child.size() - 1;
+         slash = child.indexOf(QLatin1Char('/'), slash + 1)) {
+        if (folders.contains(child.left(slash))) return true;
+    }
+    return false;
+}
+
+}  // namespace
 
 void SyncTaskDepot::AddSyncTask(sync::interf::ISyncTask& task) {
     std::shared_ptr<TaskHash>& hash = _tasks[task.GetSyncTaskType()];
@@ -53,26 +76,21 @@ void SyncTaskDepot::RemoveConflictAndDuplicateTask() {
         }
     }
 
-    // Only the topmost folder of a subtree deleted on the server is sent as a deletion.
+    // Only the topmost folder of a subtree deleted on the server is sent as a deletion. Each
+    // key's ancestors are probed in a set of the deleted folders: comparing every pair would
+    // cost a hundred million comparisons for a deleted tree of ten thousand entries.
     auto folderKeys = GetSyncTaskListKeys(ServerFolderDeletion);
     if (!folderKeys) return;
     auto fileKeys = GetSyncTaskListKeys(ServerFileDeletion);
+    QSet<QString> deletedFolders;
+    for (const QString& folder : *folderKeys) deletedFolders.insert(Normalized(folder));
     QList<QString> foldersToDrop;
+    for (const QString& folder : *folderKeys)
+        if (HasAncestorIn(deletedFolders, folder)) foldersToDrop.append(folder);
     QList<QString> filesToDrop;
-    for (int i = 0; i < folderKeys->size(); ++i) {
-        const QString& folder = folderKeys->at(i);
-        for (int j = 0; j < folderKeys->size(); ++j) {
-            if (i == j) continue;
-            const QString& other = folderKeys->at(j);
-            if (sync::core::FolderUtilities::IsParent(other, folder, Qt::CaseInsensitive) &&
-                !foldersToDrop.contains(other))
-                foldersToDrop.append(other);
-        }
-        if (fileKeys) {
-            for (const QString& file : *fileKeys)
-                if (sync::core::FolderUtilities::IsParent(file, folder, Qt::CaseInsensitive))
-                    filesToDrop.append(file);
-        }
+    if (fileKeys) {
+        for (const QString& file : *fileKeys)
+            if (HasAncestorIn(deletedFolders, file)) filesToDrop.append(file);
     }
     for (const QString& key : foldersToDrop) RemoveSyncTask(ServerFolderDeletion, key);
     for (const QString& key : filesToDrop) RemoveSyncTask(ServerFileDeletion, key);

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 
+#include "FolderUtilities.h"
 #include "SyncTaskDepot.h"
 
 using namespace sync::config;
@@ -90,4 +92,51 @@ TEST(SyncTaskDepotTest, ServerFolderDeletionAbsorbsNestedDeletionsWithoutRegardT
     depot.RemoveConflictAndDuplicateTask();
     EXPECT_EQ(Keys(depot, ServerFolderDeletion), "A Other");
     EXPECT_EQ(Keys(depot, ServerFileDeletion), "AB/g.txt top.txt");
+}
+
+// The pruning probes each key's ancestors in a set; it must keep exactly what comparing every
+// pair with FolderUtilities::IsParent keeps, letter case, "/" and trailing slashes included.
+TEST(SyncTaskDepotTest, NestedDeletionPruningEqualsThePairwiseRuleOnRandomTrees) {
+    std::mt19937 random(7);
+    const QStringList names{"a", "A", "b", "B", "ab", "/", "c"};
+    auto randomPath = [&] {
+        QString path = random() % 2 ? QStringLiteral("/") : QString();
+        const int depth = 1 + static_cast<int>(random() % 4);
+        for (int i = 0; i < depth; ++i) {
+            const QString name = names.at(static_cast<int>(random() % names.size()));
+            if (name == "/") continue;
+            path += (i ? "/" : "") + name;
+        }
+        return path.isEmpty() ? QStringLiteral("/") : path;
+    };
+    for (int round = 0; round < 200; ++round) {
+        SyncTaskDepot depot;
+        QStringList folders, files;
+        for (int i = 0; i < 6; ++i) {
+            auto folder = FolderTask(ServerFolderDeletion, randomPath());
+            if (!folders.contains(folder.GetKey())) folders << folder.GetKey();
+            depot.AddSyncTask(folder);
+            auto file = FileTask(ServerFileDeletion, randomPath() + "/f");
+            if (!files.contains(file.GetKey())) files << file.GetKey();
+            depot.AddSyncTask(file);
+        }
+        auto survivors = [&](const QStringList& keys) {
+            QStringList kept;
+            for (const QString& key : keys) {
+                bool below = false;
+                for (const QString& folder : folders)
+                    below = below || (folder != key && sync::core::FolderUtilities::IsParent(
+                                                           key, folder, Qt::CaseInsensitive));
+                if (!below) kept << key;
+            }
+            kept.sort();
+            return kept.join(' ');
+        };
+        const QString expectedFolders = survivors(folders);
+        const QString expectedFiles = survivors(files);
+        depot.RemoveConflictAndDuplicateTask();
+        ASSERT_EQ(Keys(depot, ServerFolderDeletion), expectedFolders)
+            << folders.join(' ').toStdString();
+        ASSERT_EQ(Keys(depot, ServerFileDeletion), expectedFiles) << files.join(' ').toStdString();
+    }
 }
