@@ -12,12 +12,17 @@
 #include <stdexcept>
 
 #include "ConfigEntryInfoTreeRetriever.h"
+#include "ConflictResolverFactory.h"
 #include "ISyncFilter.h"
 #include "ISyncSignalsAndSlots.h"
+#include "LocalConfigTreeDiffer.h"
 #include "LocalEntryInfoTreeRetriever.h"
-#include "PlanningRunner.h"
+#include "PlanRecorder.h"
+#include "ServerConfigTreeDiffer.h"
 #include "ServerEntryInfoTreeRetriever.h"
 #include "ServerPaths.h"
+#include "SynchronizationPreProcessor.h"
+#include "SynchronizeRunner.h"
 #include "Synchronizer.h"
 #include "TransactionalScope.h"
 
@@ -327,22 +332,26 @@ Cycle Scenario::RunCycle() {
     auto config = std::make_shared<ConfigEntryInfoTreeRetriever>(_files, _folders);
     auto server = std::make_shared<ServerEntryInfoTreeRetriever>(_folders, _files, _core, _server,
                                                                  _server, _filter, _filter);
-    auto runner = std::make_shared<PlanningRunner>(local, config, server, _core);
+    auto runner = std::make_shared<SynchronizeRunner>(
+        std::make_shared<ConflictResolverFactory>(), local, config, server,
+        std::make_shared<LocalConfigTreeDiffer>(), std::make_shared<ServerConfigTreeDiffer>(),
+        _core, std::make_shared<SynchronizationPreProcessor>(_core, _files, _folders), _files,
+        _folders, nullptr);
+    auto engine = std::make_shared<PlanRecorder>();
     QSharedPointer<Recorder> recorder(new Recorder(*this));
     const int actionLogStart = _core->ActionLogLines().size();
 
     Cycle cycle;
     {
         Synchronizer synchronizer(_accounts, _serverConfigs, nullptr, _files, _folders, _server,
-                                  _core->CreateQDirWrapper(nullptr),
-                                  std::make_shared<IdleTaskEngine>(), _core, nullptr, recorder,
-                                  local, config, server, runner, nullptr);
+                                  _core->CreateQDirWrapper(nullptr), engine, _core, nullptr,
+                                  recorder, local, config, server, runner, nullptr);
         cycle.total = synchronizer.Synchronize();
     }
     // The reports travel to the host by queued connections.
     QCoreApplication::sendPostedEvents();
 
-    _lastPlan = cycle.plan = runner->plan;
+    _lastPlan = cycle.plan = engine->plan;
     cycle.reports = recorder->lines;
     for (const QString& line : _core->ActionLogLines().mid(actionLogStart))
         cycle.actionLog << _Shown(line);

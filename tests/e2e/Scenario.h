@@ -25,7 +25,7 @@ namespace test {
 // What one cycle reported, besides what it left on the disks and in the database.
 struct Cycle {
     sync::core::SyncResults total;
-    // The changes the planning pass detected, as PlanningRunner writes them.
+    // The tasks the planning pass put in the depot, as PlanRecorder writes them.
     QStringList plan;
     // The reports to the host, in arrival order: "FolderSyncError /Docs 500".
     QStringList reports;
@@ -44,8 +44,8 @@ struct Cycle {
 // local path as the matching server path (/Docs/a.txt), so that both sides read alike; paths
 // that a test passes in are below the root ("sub/a.txt", a trailing "/" for a folder).
 //
-// The cycle plans with PlanningRunner and executes with IdleTaskEngine, so today a scenario's
-// listing shows the planned changes instead of executed work.
+// The cycle plans with the real runner and hands the depot to PlanRecorder, which executes
+// nothing: a scenario's listing shows the planned tasks instead of executed work.
 class Scenario {
 public:
     // A path ending in "/" is a folder.

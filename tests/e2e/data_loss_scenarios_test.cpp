@@ -129,7 +129,7 @@ TEST_F(DataLossScenario, FailedRootOnlyListingFailsTheRootInsteadOfDeletingLocal
 // The server root folder vanished. The first cycle fails the root (the server says 404); the
 // next one creates the folder again, and the local content is planned for upload, never for
 // deletion. A creation that fails leaves the records already marked, so the cycle after it
-// uploads too. (Nothing executes yet, so the root keeps the status of the failed cycle.)
+// uploads too. (Nothing executes yet; planning has reset the root's status.)
 TEST_F(DataLossScenario, VanishedServerRootIsRecreatedAndItsContentUploaded) {
     for (bool creationFailsOnce : {false, true}) {
         SCOPED_TRACE(creationFailsOnce ? "creation fails once" : "creation succeeds");
@@ -151,13 +151,13 @@ TEST_F(DataLossScenario, VanishedServerRootIsRecreatedAndItsContentUploaded) {
             local /Docs/sub/
             local /Docs/sub/b.txt "bee"
             server /Docs/
-            db root /Docs OutOfSync
+            db root /Docs Synchronized
             db folder /Docs/sub NotSynchronized
             db file /Docs/a.txt v1 NotSynchronized
             db file /Docs/sub/b.txt v1 NotSynchronized
-            local Added file /Docs/a.txt
-            local Added file /Docs/sub/b.txt
-            local Added folder /Docs/sub
+            plan ServerFileCreation /Docs/a.txt
+            plan ServerFileCreation /Docs/sub/b.txt
+            plan ServerFolderCreation /Docs/sub
         )"));
     }
 }
