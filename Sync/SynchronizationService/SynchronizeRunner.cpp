@@ -44,8 +44,29 @@ const FolderConfiguration* ParentFolder(const EntryInfoTree& configTree, const Q
     return it == configTree.folderMap.constEnd() ? nullptr : &*it;
 }
 
-// The server's attributes that do not describe content: content versions are written only by
-// the transfers, so that a failed transfer is seen again in the next cycle.
+bool IsContentVersion(const QString& key) {
+    return key == kVersion || key == kVersionId;
+}
+
+// True when both maps hold the same entries apart from the content versions. Compared in place:
+// this runs for every entry of the root, and nearly always finds them equal.
+bool SameAttributes(const QMap<QString, QString>& server, const QMap<QString, QString>& config) {
+    auto s = server.constBegin();
+    auto c = config.constBegin();
+    for (;;) {
+        while (s != server.constEnd() && IsContentVersion(s.key())) ++s;
+        while (c != config.constEnd() && IsContentVersion(c.key())) ++c;
+        if (s == server.constEnd() || c == config.constEnd())
+            return s == server.constEnd() && c == config.constEnd();
+        if (s.key() != c.key() || s.value() != c.value()) return false;
+        ++s;
+        ++c;
+    }
+}
+
+// The server's attributes that do not describe content, with the content versions the
+// database holds: those are written only by the transfers, so that a failed transfer is seen
+// again in the next cycle.
 QMap<QString, QString> WithContentVersionsOf(const QMap<QString, QString>& serverProperties,
                                              const QMap<QString, QString>& configProperties) {
     QMap<QString, QString> merged = serverProperties;
@@ -290,45 +311,49 @@ void SynchronizeRunner::_UpdateFileAndFolderPropertiesInDatabase(const TreePtr& 
             for (const QString& key : *keys) planned.insert(EntryInfoTree::KeyOf(key));
     }
 
-    std::unique_ptr<sync::database::TransactionalScope> scope;
-    auto openScope = [&scope] {
-        if (!scope) scope = std::make_unique<sync::database::TransactionalScope>();
-    };
-    for (auto it = configTree->fileMap.begin(); it != configTree->fileMap.end(); ++it) {
-        FileConfiguration& config = *it;
-        if (config.id <= 0 || planned.contains(it.key())) continue;
+    // Read first, write after: most passes write nothing, and the trees are read without
+    // taking a private copy of them.
+    QStringList files;
+    for (auto it = configTree->fileMap.constBegin(); it != configTree->fileMap.constEnd(); ++it) {
+        if (it->id <= 0 || planned.contains(it.key())) continue;
         const auto server = serverTree->fileMap.constFind(it.key());
         if (server == serverTree->fileMap.constEnd()) continue;
-        const QMap<QString, QString> properties =
-            WithContentVersionsOf(server->properties, config.properties);
-        if (config.privileges == server->privileges &&
-            config.privilegeInfo == server->privilegeInfo && config.properties == properties)
-            continue;
-        config.privileges = server->privileges;
-        config.privilegeInfo = server->privilegeInfo;
-        config.properties = properties;
-        openScope();
-        _fileConfigManager->UpdateFile(config);
+        if (it->privileges != server->privileges || it->privilegeInfo != server->privilegeInfo ||
+            !SameAttributes(server->properties, it->properties))
+            files.append(it.key());
     }
-    for (auto it = configTree->folderMap.begin(); it != configTree->folderMap.end(); ++it) {
-        FolderConfiguration& config = *it;
-        if (config.id <= 0 || planned.contains(it.key())) continue;
+    QStringList folders;
+    for (auto it = configTree->folderMap.constBegin(); it != configTree->folderMap.constEnd();
+         ++it) {
+        if (it->id <= 0 || planned.contains(it.key())) continue;
         const auto server = serverTree->folderMap.constFind(it.key());
         if (server == serverTree->folderMap.constEnd()) continue;
-        const QMap<QString, QString> properties =
-            WithContentVersionsOf(server->properties, config.properties);
-        if (config.privileges == server->privileges &&
-            config.privilegeInfo == server->privilegeInfo &&
-            config.serverFolderId == server->serverFolderId && config.properties == properties)
-            continue;
-        config.privileges = server->privileges;
-        config.privilegeInfo = server->privilegeInfo;
-        config.serverFolderId = server->serverFolderId;
-        config.properties = properties;
-        openScope();
+        if (it->privileges != server->privileges || it->privilegeInfo != server->privilegeInfo ||
+            it->serverFolderId != server->serverFolderId ||
+            !SameAttributes(server->properties, it->properties))
+            folders.append(it.key());
+    }
+    if (files.isEmpty() && folders.isEmpty()) return;
+
+    sync::database::TransactionalScope scope;
+    for (const QString& key : files) {
+        const FileConfiguration& server = serverTree->fileMap.constFind(key).value();
+        FileConfiguration& config = configTree->fileMap[key];
+        config.privileges = server.privileges;
+        config.privilegeInfo = server.privilegeInfo;
+        config.properties = WithContentVersionsOf(server.properties, config.properties);
+        _fileConfigManager->UpdateFile(config);
+    }
+    for (const QString& key : folders) {
+        const FolderConfiguration& server = serverTree->folderMap.constFind(key).value();
+        FolderConfiguration& config = configTree->folderMap[key];
+        config.privileges = server.privileges;
+        config.privilegeInfo = server.privilegeInfo;
+        config.serverFolderId = server.serverFolderId;
+        config.properties = WithContentVersionsOf(server.properties, config.properties);
         _folderConfigManager->UpdateFolder(config);
     }
-    if (scope) scope->commit();
+    scope.commit();
 }
 
 void SynchronizeRunner::_LogThreeTrees(const FolderConfiguration& root, const TreePtr& localTree,
