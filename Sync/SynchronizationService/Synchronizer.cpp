@@ -631,9 +631,10 @@ QStringList Synchronizer::_GetFileConfigurationList(const std::shared_ptr<TaskLi
                                                     const QList<QString>* excluded) const {
     QStringList paths;
     if (!tasks) return paths;
+    const QSet<QString> skipped = _CaseFolded(excluded);
     for (const std::shared_ptr<sync::interf::ISyncTask>& task : *tasks) {
         const QString& path = task->GetFileConfig().localPath;
-        if (!_Contains(excluded, path)) paths.append(path);
+        if (skipped.isEmpty() || !skipped.contains(path.toCaseFolded())) paths.append(path);
     }
     return paths;
 }
@@ -642,11 +643,21 @@ QStringList Synchronizer::_GetFolderConfigurationList(const std::shared_ptr<Task
                                                       const QList<QString>* excluded) const {
     QStringList paths;
     if (!tasks) return paths;
+    const QSet<QString> skipped = _CaseFolded(excluded);
     for (const std::shared_ptr<sync::interf::ISyncTask>& task : *tasks) {
         const QString& path = task->GetFolderConfig().localPath;
-        if (!_Contains(excluded, path)) paths.append(path);
+        if (skipped.isEmpty() || !skipped.contains(path.toCaseFolded())) paths.append(path);
     }
     return paths;
+}
+
+QSet<QString> Synchronizer::_CaseFolded(const QList<QString>* list) {
+    // One set per list: a root with a hundred thousand failed paths is not compared pairwise.
+    QSet<QString> set;
+    if (!list) return set;
+    set.reserve(list->size());
+    for (const QString& entry : *list) set.insert(entry.toCaseFolded());
+    return set;
 }
 
 bool Synchronizer::_Contains(const QList<QString>* list, const QString& path) {

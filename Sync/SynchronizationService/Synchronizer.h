@@ -2,6 +2,7 @@
 
 #include <QList>
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QWeakPointer>
@@ -92,6 +93,8 @@ private:
     QStringList _GetFolderConfigurationList(const std::shared_ptr<TaskList>& tasks,
                                             const QList<QString>* excluded = nullptr) const;
     static bool _Contains(const QList<QString>* list, const QString& path);
+    // The entries of the list, letter case folded, for lookups that ignore case.
+    static QSet<QString> _CaseFolded(const QList<QString>* list);
     bool _ConfiguredFolderExists(const sync::config::FolderConfiguration& root);
     static bool _RemoveFolderConfigWhenRootFolderMissing(
         const sync::config::FolderConfiguration& root);
