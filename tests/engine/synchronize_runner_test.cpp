@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QFile>
+#include <QTemporaryDir>
 #include <memory>
 
 #include "ConflictResolverFactory.h"
@@ -315,6 +317,99 @@ TEST_F(SynchronizeRunnerTest, TreeAndEmptyChangeDumps) {
     EXPECT_EQ(trace.value(7), "***Begin local tree***");
     EXPECT_EQ(trace.value(9), "/docs/a.txt");
     EXPECT_EQ(trace.value(10), "End entry trees dump: /home/u/Docs");
+}
+
+}  // namespace
+
+namespace {
+
+// A file on both sides that the database does not know is recorded when its content provably
+// matches; a stale record of the same path and account is a duplicate and goes.
+TEST_F(SynchronizeRunnerTest, FilesInStepOnBothSidesAreRecordedAndReplaceTheirDuplicates) {
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString path = dir.filePath("a.txt");
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly) && file.write("hello") == 5);
+    file.close();
+    const QString hash = core->CreateCryptographicHash()->GetFileHash(path);
+
+    const struct {
+        const char* name;
+        QString serverChecksum;
+        bool recorded;
+    } rows[] = {{"same content", hash.toUpper(), true}, {"other content", "0123", false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        NewStore();
+        FileConfiguration duplicate = Stored(File("/Docs/a.txt"));
+        duplicate.localPath = path;
+        ASSERT_TRUE(store->AddFile(duplicate));
+        FileConfiguration onDisk = File("/Docs/a.txt");
+        onDisk.localPath = path;
+        onDisk.size = 5;
+        FileConfiguration listed = onDisk;
+        listed.serverFileId = "srv-1";
+        listed.serverChecksum = row.serverChecksum;
+        listed.properties = {{"version", "2"}, {"versionId", "v2"}};
+        local->tree.fileMap.insert("/docs/a.txt", onDisk);
+        server->tree.fileMap.insert("/docs/a.txt", listed);
+        LogCapture log;
+        Run();
+
+        const FileConfiguration stored = store->GetFileByPath(path, root.authenticationId);
+        EXPECT_EQ(stored.id != duplicate.id, row.recorded);
+        EXPECT_EQ(log.Contains(log4cplus::INFO_LOG_LEVEL,
+                               "1 duplicate file(s) found in database and removed"),
+                  row.recorded);
+        if (!row.recorded) continue;
+        EXPECT_EQ(stored.serverFileId, "srv-1");
+        EXPECT_EQ(stored.checksum, hash);
+        EXPECT_EQ(stored.properties.value("version"), "2");
+        EXPECT_EQ(stored.transferDirection, 2);
+        EXPECT_EQ(stored.syncStatus, sync::config::FileSynchronizationStatus::OutOfSync);
+    }
+}
+
+// Hands out the real resolvers, except that resolving the first local change also takes a key
+// out of the server change, as a resolver may.
+class KeyTakingFactory : public sync::interf::factory::IConflictResolverFactory {
+public:
+    class Taker : public sync::interf::IFileConflictResolver {
+    public:
+        void Resolve(FileConfiguration&, FileConfiguration&, std::shared_ptr<EntryInfoTree>,
+                     std::shared_ptr<EntryInfoTree>, std::shared_ptr<EntryInfoTree>,
+                     std::shared_ptr<EntryInfoTreeChange> serverChange,
+                     std::shared_ptr<EntryInfoTreeChange>, SyncTaskDepot&) override {
+            serverChange->_fileActionMap.remove("/docs/taken.txt");
+            serverChange->_fileMap.remove("/docs/taken.txt");
+        }
+    };
+    std::shared_ptr<sync::interf::IFileConflictResolver> CreateFileConflictResolver(
+        EntryAction s, EntryAction l) override {
+        if (s == NoChange) return std::make_shared<Taker>();
+        return _real.CreateFileConflictResolver(s, l);
+    }
+    std::shared_ptr<sync::interf::IFolderConflictResolver> CreateFolderConflictResolver(
+        EntryAction s, EntryAction l) override {
+        return _real.CreateFolderConflictResolver(s, l);
+    }
+
+private:
+    ConflictResolverFactory _real;
+};
+
+TEST_F(SynchronizeRunnerTest, AServerKeyTakenOutByAResolverIsNotResolvedAgain) {
+    FileConfiguration added = File("/Docs/local.txt");
+    localDiffer->change.AddFileAction(Added, added);
+    for (const char* path : {"/Docs/taken.txt", "/Docs/kept.txt"}) {
+        FileConfiguration listed = File(path);
+        serverDiffer->change.AddFileAction(Added, listed);
+    }
+    SynchronizeRunner runner(std::make_shared<KeyTakingFactory>(), local, config, server,
+                             localDiffer, serverDiffer, core, preProcessor, store, store, store);
+    const auto depot = runner.Process(root);
+    EXPECT_EQ(*depot->GetSyncTaskListKeys(LocalFileCreation), QList<QString>{"/Docs/kept.txt"});
 }
 
 }  // namespace
