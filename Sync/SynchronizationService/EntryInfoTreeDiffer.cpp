@@ -45,10 +45,20 @@ int EntryInfoTreeDiffer::_DiffConfigFiles(const FileMap& configFiles, const File
                                           EntryInfoTreeChange& change) {
     int matched = 0;
     for (auto configIt = configFiles.constBegin(); configIt != configFiles.constEnd(); ++configIt) {
+        const auto otherIt = otherFiles.constFind(configIt.key());
+        if (otherIt != otherFiles.constEnd() && IsSynchronised(configIt.value()) &&
+            IsFileSurelyUnchanged(configIt.value(), otherIt.value())) {
+            ++matched;
+            if (checkDownloadPrivilege &&
+                (otherIt->privileges & sync::config::PrivilegeDownload) == 0) {
+                FileConfiguration configFile = configIt.value();
+                change.AddFileAction(EntryAction::Deleted, configFile);
+            }
+            continue;
+        }
+
         FileConfiguration configFile = configIt.value();
         const bool synchronised = IsSynchronised(configFile);
-
-        const auto otherIt = otherFiles.constFind(configIt.key());
         if (otherIt == otherFiles.constEnd()) {
             if (synchronised && DetectFileDeleted(configFile))
                 change.AddFileAction(EntryAction::Deleted, configFile);

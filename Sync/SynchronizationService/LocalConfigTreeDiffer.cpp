@@ -41,6 +41,19 @@ bool LocalConfigTreeDiffer::DetectFileContentModified(FileConfiguration& configF
     return false;
 }
 
+bool LocalConfigTreeDiffer::IsFileSurelyUnchanged(const FileConfiguration& configFile,
+                                                  const FileConfiguration& localFile) const {
+    // Same size and time, and no references left to upload: the rules below say unchanged.
+    if (configFile.size != localFile.size) return false;
+    if (!configFile.serverFileId.isEmpty() &&
+        configFile.syncStatus == FileSynchronizationStatus::OutOfSync &&
+        configFile.transferDirection == sync::config::TransferUpload)
+        return false;
+    QDateTime localTime = localFile.lastModified.toUTC();
+    localTime = localTime.addMSecs(-localTime.time().msec());
+    return configFile.lastModified == localTime;
+}
+
 bool LocalConfigTreeDiffer::DetectFileModified(FileConfiguration& configFile,
                                                FileConfiguration& localFile) {
     bool modified = DetectFileContentModified(configFile, localFile);

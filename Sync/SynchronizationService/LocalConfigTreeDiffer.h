@@ -38,6 +38,10 @@ private:
                                QString& refusingAncestor) const;
 
     std::shared_ptr<sync::interf::ICryptographicHash> _hash;
+
+protected:
+    bool IsFileSurelyUnchanged(const sync::config::FileConfiguration& configFile,
+                               const sync::config::FileConfiguration& localFile) const override;
 };
 
 }  // namespace syncService

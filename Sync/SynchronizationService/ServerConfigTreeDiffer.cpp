@@ -30,10 +30,7 @@ QString HashOrVersionIdOf(const FileConfiguration& file) {
     return file.properties.value(kVersionId);
 }
 
-}  // namespace
-
-bool ServerConfigTreeDiffer::IsFileContentModified(FileConfiguration& configFile,
-                                                   FileConfiguration& serverFile) {
+bool ContentDiffers(const FileConfiguration& configFile, const FileConfiguration& serverFile) {
     if (configFile.size != serverFile.size) return true;
     if (!configFile.serverChecksum.isEmpty() && !serverFile.serverChecksum.isEmpty())
         return configFile.serverChecksum != serverFile.serverChecksum;
@@ -46,6 +43,23 @@ bool ServerConfigTreeDiffer::IsFileContentModified(FileConfiguration& configFile
     // not agree on the letter case of such identifiers.
     return HashOrVersionIdOf(configFile)
                .compare(HashOrVersionIdOf(serverFile), Qt::CaseInsensitive) != 0;
+}
+
+}  // namespace
+
+bool ServerConfigTreeDiffer::IsFileContentModified(FileConfiguration& configFile,
+                                                   FileConfiguration& serverFile) {
+    return ContentDiffers(configFile, serverFile);
+}
+
+bool ServerConfigTreeDiffer::IsFileSurelyUnchanged(const FileConfiguration& configFile,
+                                                   const FileConfiguration& serverFile) const {
+    // The content rule finds no change, and no references are left to download.
+    if (!configFile.serverFileId.isEmpty() &&
+        configFile.syncStatus == FileSynchronizationStatus::OutOfSync &&
+        configFile.transferDirection == sync::config::TransferDownload)
+        return false;
+    return !ContentDiffers(configFile, serverFile);
 }
 
 bool ServerConfigTreeDiffer::DetectFileContentModified(FileConfiguration& configFile,

@@ -27,6 +27,10 @@ public:
                                    sync::config::FileConfiguration& serverFile);
     bool IsFileContentModified(sync::config::FileConfiguration& configFile,
                                sync::config::FileConfiguration& serverFile);
+
+protected:
+    bool IsFileSurelyUnchanged(const sync::config::FileConfiguration& configFile,
+                               const sync::config::FileConfiguration& serverFile) const override;
 };
 
 }  // namespace syncService

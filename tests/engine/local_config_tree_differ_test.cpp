@@ -94,6 +94,9 @@ TEST_F(LocalDifferTest, ModifiedRules) {
         config.referencesOnly = 1 - c.referencesOnly;  // the rule must overwrite it
         FileConfiguration local = LocalFile(c.size, 0);
         local.privileges = c.localPrivileges;
+        EntryInfoTree configTree, localTree;
+        configTree.fileMap.insert("/root/a.txt", config);
+        localTree.fileMap.insert("/root/a.txt", local);
         EXPECT_EQ(differ.DetectFileModified(config, local), bool(c.modified));
         EXPECT_EQ(config.referencesOnly, c.referencesOnly);
         EXPECT_EQ(local.referencesOnly, c.referencesOnly);
@@ -101,6 +104,11 @@ TEST_F(LocalDifferTest, ModifiedRules) {
                   c.warned ? QStringList{"Skipping upload of modified file /home/u/Root/a.txt "
                                          "since there is no upload privilege"}
                            : QStringList());
+        // The walk over whole trees decides the same, whichever way it compares.
+        const EntryInfoTreeChange change = differ.Diff(configTree, localTree, false);
+        EXPECT_EQ(change._fileActionMap.value("/root/a.txt", NoChange),
+                  c.modified ? Modified : NoChange);
+        EXPECT_EQ(change._fileMap.value("/root/a.txt").referencesOnly, c.referencesOnly);
     }
 }
 

@@ -98,12 +98,20 @@ TEST(ServerDifferTest, ModifiedRules) {
         server.size = c.serverSize;
         server.privileges = c.serverPrivileges;
         if (c.localLocked) server.localPath = lockedPath;
+        EntryInfoTree configTree, serverTree;
+        configTree.fileMap.insert("/root/a.txt", config);
+        serverTree.fileMap.insert("/root/a.txt", server);
         EXPECT_EQ(differ.DetectFileModified(config, server), bool(c.modified));
         EXPECT_EQ(config.referencesOnly, c.referencesOnly);
         EXPECT_EQ(server.referencesOnly, c.referencesOnly);
         const QString warning = QString::fromLatin1(c.warning).replace("%1", lockedPath);
         EXPECT_EQ(log.Messages(log4cplus::WARN_LOG_LEVEL),
                   warning.isEmpty() ? QStringList() : QStringList{warning});
+        // The walk over whole trees decides the same, whichever way it compares.
+        const EntryInfoTreeChange change = differ.Diff(configTree, serverTree, false);
+        EXPECT_EQ(change._fileActionMap.value("/root/a.txt", NoChange),
+                  c.modified ? Modified : NoChange);
+        EXPECT_EQ(change._fileMap.value("/root/a.txt").referencesOnly, c.referencesOnly);
     }
 }
 
