@@ -118,6 +118,8 @@ struct StepTimes {
            preProcess = 0;
 };
 
+long CurrentRssKiB();
+
 class TimedRetriever : public sync::interf::IEntryInfoTreeRetriever {
 public:
     TimedRetriever(std::shared_ptr<sync::interf::IEntryInfoTreeRetriever> inner, qint64& ns)
@@ -127,8 +129,10 @@ public:
         timer.start();
         auto tree = _inner->GetEntryInfoTree(root);
         _ns += timer.nsecsElapsed();
+        rssAfterKiB = CurrentRssKiB();
         return tree;
     }
+    long rssAfterKiB = 0;
     bool IsTreeModified() const override { return _inner->IsTreeModified(); }
 
 private:
@@ -437,6 +441,11 @@ int Plan(const QString& workPath, int folderCount, int filesPerFolder, bool chan
     std::printf("tasks:         %d (%d uploads, %d downloads; expected %d and %d)\n", tasks,
                 uploads, downloads, changed ? editsPerSide : 0, changed ? editsPerSide : 0);
     std::printf("hash calls:    %d (expected 0)\n", hash->calls.load());
+    std::printf(
+        "resident:      %.1f MiB after the local tree, %.1f after the config tree, %.1f "
+        "after the server tree\n",
+        localRetriever->rssAfterKiB / 1024.0, configRetriever->rssAfterKiB / 1024.0,
+        serverRetriever->rssAfterKiB / 1024.0);
     std::printf(
         "memory:        %.1f MiB before planning (database, fake server), peak %.1f MiB "
         "(limit 150 MiB)\n",

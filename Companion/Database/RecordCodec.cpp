@@ -1,6 +1,7 @@
 #include "RecordCodec.h"
 
 #include <QTimeZone>
+#include <cstring>
 
 #include "Query.h"
 
@@ -14,6 +15,63 @@ namespace sync {
 namespace database {
 
 namespace {
+
+// Short texts that recur across thousands of records (property names, version numbers,
+// privilege texts, content types) are held once per thread and shared: a tree of 100,000 file
+// records would otherwise hold 100,000 copies of "version". Each slot keeps the last text that
+// hashed to it, so a run of distinct texts costs a hash and a slot each, never a growing table.
+class RecurringTexts {
+public:
+    static constexpr int MaxLength = 24;
+
+    static QString Shared(const QChar* chars, int length) {
+        thread_local QString table[256];
+        quint32 hash = 2166136261u;
+        for (int i = 0; i < length; ++i) hash = (hash ^ chars[i].unicode()) * 16777619u;
+        QString& slot = table[hash % 256];
+        if (slot.size() != length ||
+            std::memcmp(slot.constData(), chars, sizeof(QChar) * static_cast<size_t>(length)) != 0)
+            slot = QString(chars, length);
+        return slot;
+    }
+};
+
+// A text column whose values repeat from record to record; NULL reads as a null string.
+QString RecurringText(const Query& q, int column) {
+    const SQLite::Column& value = q.Value(column);
+    const char* text = value.getText(nullptr);
+    if (!text) return QString();
+    const int bytes = value.getBytes();
+    if (bytes == 0 || bytes > RecurringTexts::MaxLength) return q.Text(column);
+    QChar chars[RecurringTexts::MaxLength];
+    for (int i = 0; i < bytes; ++i) {
+        const uchar c = static_cast<uchar>(text[i]);
+        if (c >= 0x80) return q.Text(column);
+        chars[i] = QChar(c);
+    }
+    return RecurringTexts::Shared(chars, bytes);
+}
+
+// A text column that most records fill with the text of another field (the server's hash is
+// mostly the local one; a folder's path is its server path): read as that field's string
+// when equal, so that both share one copy. NULL reads as a null string.
+QString TextOrSame(const Query& q, int column, const QString& same) {
+    const SQLite::Column& value = q.Value(column);
+    const char* text = value.getText(nullptr);
+    if (!text) return QString();
+    if (same.isNull()) return q.Text(column);
+    const int bytes = value.getBytes();
+    if (bytes == same.size()) {
+        const QChar* chars = same.constData();
+        int i = 0;
+        while (i < bytes && static_cast<uchar>(text[i]) < 0x80 &&
+               chars[i].unicode() == static_cast<uchar>(text[i]))
+            ++i;
+        if (i == bytes) return same;
+    }
+    QString read = q.Text(column);
+    return read == same ? same : read;
+}
 
 // A big-endian quint32 count, then the values; a string is a big-endian quint32 byte length
 // (0xFFFFFFFF for a null string) and UTF-16BE.
@@ -61,22 +119,34 @@ public:
         const quint64 low = UInt32();
         return static_cast<qint64>((high << 32) | low);
     }
-    QString String() {
+    QString String() { return _String(false); }
+    // A text that many records repeat (a property name, a version number): shared when short.
+    QString RecurringString() { return _String(true); }
+
+private:
+    QString _String(bool recurring) {
         const quint32 bytes = UInt32();
         if (!_ok || bytes == 0xFFFFFFFFu) return QString();
         if (bytes % 2 != 0 || quint32(_end - _p) < bytes) {
             _Fail();
             return QString();
         }
-        QString s(static_cast<int>(bytes / 2), Qt::Uninitialized);
+        const int length = static_cast<int>(bytes / 2);
+        if (recurring && length > 0 && length <= RecurringTexts::MaxLength) {
+            QChar chars[RecurringTexts::MaxLength];
+            for (int i = 0; i < length; ++i) chars[i] = _Char(i);
+            _p += bytes;
+            return RecurringTexts::Shared(chars, length);
+        }
+        QString s(length, Qt::Uninitialized);
         QChar* out = s.data();
-        for (quint32 i = 0; i < bytes / 2; ++i)
-            out[i] = QChar(static_cast<ushort>((_p[2 * i] << 8) | _p[2 * i + 1]));
+        for (int i = 0; i < length; ++i) out[i] = _Char(i);
         _p += bytes;
         return s;
     }
-
-private:
+    QChar _Char(int i) const {
+        return QChar(static_cast<ushort>((_p[2 * i] << 8) | _p[2 * i + 1]));
+    }
     quint32 _Fail() {
         _ok = false;
         _p = _end;
@@ -125,22 +195,22 @@ FolderConfiguration RecordCodec::ReadFolder(const Query& q) {
     f.rootId = q.Int(2);
     f.inheritedId = q.Int(3);
     f.name = q.Text(4);
-    f.serverAttribute = q.Text(5);
+    f.serverAttribute = RecurringText(q, 5);
     f.path = q.Text(6);
     f.localPath = q.Text(7);
     // 8 is the lookup key
-    f.serverPath = q.Text(9);
+    f.serverPath = TextOrSame(q, 9, f.path);
     f.parentId = q.Int(10);
     f.lastModified = ReadTime(q, 11);
     f.syncScope = q.Int(13);
     f.serverCreationFailed = q.Int(14);
     f.inheritedValue = q.Int(15);
     f.syncOption = q.Int(16);
-    f.privilegeInfo = q.Text(17);
+    f.privilegeInfo = RecurringText(q, 17);
     f.privileges = q.Int(18);
     f.serverRootPath = q.Text(19);
     f.serverFolderId = q.Text(20);
-    f.properties = DecodeProperties(q.Blob(21));
+    f.properties = DecodeRecordProperties(q.Blob(21));
     f.lastSyncTime = ReadTime(q, 22);
     f.lastServerSyncRequestTime = ReadTime(q, 24);
     f.syncStatus = static_cast<FolderSynchronizationStatus>(q.Int(26));
@@ -188,21 +258,21 @@ void RecordCodec::ReadFile(const Query& q, FileConfiguration& f) {
     // 5 is the lookup key
     f.serverPath = q.Text(6);
     f.checksum = q.Text(7);
-    f.contentType = q.Text(8);
+    f.contentType = RecurringText(q, 8);
     f.created = ReadTime(q, 9);
     f.lastModified = ReadTime(q, 11);
     f.size = q.Int64(13);
     f.transferDirection = q.Int(14);
-    f.properties = DecodeProperties(q.Blob(15));
+    f.properties = DecodeRecordProperties(q.Blob(15));
     f.lastTransferAttempt = ReadTime(q, 16);
     f.inheritedId = q.Int(18);
     f.generatedKind = q.Int(19);
     f.parentFileId = q.Int(20);
-    f.privilegeInfo = q.Text(21);
+    f.privilegeInfo = RecurringText(q, 21);
     f.privileges = q.Int(22);
     f.isGenerated = q.Int(23);
     f.serverFileId = q.Text(24);
-    f.serverChecksum = q.Text(25);
+    f.serverChecksum = TextOrSame(q, 25, f.checksum);
     f.fileLinks = DecodeFileLinks(q.Blob(26));
     f.serverModified = ReadTime(q, 27);
     f.syncStatus = static_cast<FileSynchronizationStatus>(q.Int(29));
@@ -296,6 +366,25 @@ QMap<QString, QString> RecordCodec::DecodeProperties(const QByteArray& blob) {
     return properties;
 }
 
+QMap<QString, QString> RecordCodec::DecodeRecordProperties(const QByteArray& blob) {
+    QMap<QString, QString> properties;
+    if (blob.isEmpty()) return properties;
+    // Records read one after the other often carry the same properties: they share one map.
+    thread_local QByteArray lastBlob;
+    thread_local QMap<QString, QString> lastProperties;
+    if (blob == lastBlob) return lastProperties;
+    Reader r(blob);
+    const quint32 count = r.UInt32();
+    for (quint32 i = 0; i < count && r.ok(); ++i) {
+        QString key = r.RecurringString();
+        QString value = r.RecurringString();
+        if (r.ok()) properties.insert(key, value);
+    }
+    lastBlob = blob;
+    lastProperties = properties;
+    return properties;
+}
+
 QByteArray RecordCodec::EncodeFileLinks(const QList<sync::config::FileLink>& links) {
     if (links.isEmpty()) return QByteArray();
     Writer w;
@@ -318,7 +407,7 @@ QList<sync::config::FileLink> RecordCodec::DecodeFileLinks(const QByteArray& blo
         sync::config::FileLink link;
         link.linkId = r.Int64();
         link.target = r.String();
-        link.kind = r.String();
+        link.kind = r.RecurringString();
         link.extra = r.String();
         if (r.ok()) links.append(link);
     }

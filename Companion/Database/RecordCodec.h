@@ -69,6 +69,10 @@ public:
 
     static QByteArray EncodeProperties(const QMap<QString, QString>& properties);
     static QMap<QString, QString> DecodeProperties(const QByteArray& blob);
+    // The properties of a file or folder record. A tree holds 100,000 records: short texts
+    // that recur (names, version numbers) and maps equal to the previous record's are shared
+    // instead of decoded anew. Not for account settings, which are kept no longer than asked.
+    static QMap<QString, QString> DecodeRecordProperties(const QByteArray& blob);
     static QByteArray EncodeFileLinks(const QList<sync::config::FileLink>& links);
     static QList<sync::config::FileLink> DecodeFileLinks(const QByteArray& blob);
     static QByteArray EncodeStrings(const QVector<QString>& strings);

@@ -16,7 +16,14 @@ inline QString JoinServerPath(const QString& rootServerPath, const QString& path
     if (start == pathBelowRoot.size()) return rootServerPath;
     int end = rootServerPath.size();
     while (end > 0 && rootServerPath.at(end - 1) == QLatin1Char('/')) --end;
-    return rootServerPath.left(end) + QLatin1Char('/') + pathBelowRoot.mid(start);
+    // Built at its exact size: trees keep one such path per entry, and joining with + leaves
+    // spare capacity that costs about half as much again.
+    QString joined;
+    joined.reserve(end + 1 + pathBelowRoot.size() - start);
+    joined.append(rootServerPath.constData(), end);
+    joined.append(QLatin1Char('/'));
+    joined.append(pathBelowRoot.constData() + start, pathBelowRoot.size() - start);
+    return joined;
 }
 
 }  // namespace core
