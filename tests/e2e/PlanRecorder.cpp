@@ -38,9 +38,42 @@ const char* TypeName(SyncTaskType type) {
 
 }  // namespace
 
-sync::core::SyncResults PlanRecorder::Process(const sync::config::FolderConfiguration&,
+PlanRecorder::PlanRecorder(std::shared_ptr<sync::interf::ISyncTaskEngine> engine)
+    : _engine(std::move(engine)) {
+    if (_engine)
+        connect(_engine.get(), &sync::interf::ISyncTaskEngine::LocalOrServerFolderCreated, this,
+                &sync::interf::ISyncTaskEngine::LocalOrServerFolderCreated);
+}
+
+void PlanRecorder::SetFilteredLocalFolderCount(int n) {
+    if (_engine) _engine->SetFilteredLocalFolderCount(n);
+}
+void PlanRecorder::SetFilteredLocalFileCount(int n) {
+    if (_engine) _engine->SetFilteredLocalFileCount(n);
+}
+void PlanRecorder::SetFilteredServerFolderCount(int n) {
+    if (_engine) _engine->SetFilteredServerFolderCount(n);
+}
+void PlanRecorder::SetFilteredServerFileCount(int n) {
+    if (_engine) _engine->SetFilteredServerFileCount(n);
+}
+void PlanRecorder::InitFilteredCount() {
+    if (_engine) _engine->InitFilteredCount();
+}
+void PlanRecorder::TransferLocalOrServerFolderCreated(
+    const QString& path, sync::config::FolderSynchronizationStatus status) {
+    if (_engine) _engine->TransferLocalOrServerFolderCreated(path, status);
+}
+void PlanRecorder::HandleSubFolderFilteredOut(QString path) {
+    if (_engine) _engine->HandleSubFolderFilteredOut(path);
+}
+void PlanRecorder::HandleFileFilteredOut(QString path) {
+    if (_engine) _engine->HandleFileFilteredOut(path);
+}
+
+sync::core::SyncResults PlanRecorder::Process(const sync::config::FolderConfiguration& root,
                                               std::shared_ptr<sync::interf::ISyncTaskDepot> depot) {
-    if (!depot) return sync::core::SyncResults();
+    if (!depot) return _engine ? _engine->Process(root, depot) : sync::core::SyncResults();
     depot->RemoveConflictAndDuplicateTask();
     for (int type = ServerFolderCreation; type <= FileConflictMarking; ++type) {
         const auto tasks = depot->GetSyncTaskList(static_cast<SyncTaskType>(type));
@@ -54,7 +87,7 @@ sync::core::SyncResults PlanRecorder::Process(const sync::config::FolderConfigur
             plan << line;
         }
     }
-    return sync::core::SyncResults();
+    return _engine ? _engine->Process(root, depot) : sync::core::SyncResults();
 }
 
 }  // namespace test

@@ -8,25 +8,31 @@
 namespace sync {
 namespace test {
 
-// A task engine that executes nothing: it prunes each depot as the real engine does before its
+// Stands in front of a task engine: it prunes each depot as the real engine does before its
 // first step and writes the tasks down as lines ("plan LocalFileCreation /Docs/a.txt"), so that
-// a scenario reads what the planning decided.
+// a scenario reads what the planning decided, then hands the depot on. Without an engine behind
+// it nothing is executed.
 class PlanRecorder : public sync::interf::ISyncTaskEngine {
 public:
+    explicit PlanRecorder(std::shared_ptr<sync::interf::ISyncTaskEngine> engine = nullptr);
+
     sync::core::SyncResults Process(const sync::config::FolderConfiguration& root,
                                     std::shared_ptr<sync::interf::ISyncTaskDepot> depot) override;
-    void SetFilteredLocalFolderCount(int) override {}
-    void SetFilteredLocalFileCount(int) override {}
-    void SetFilteredServerFolderCount(int) override {}
-    void SetFilteredServerFileCount(int) override {}
-    void InitFilteredCount() override {}
-    void TransferLocalOrServerFolderCreated(const QString&,
-                                            sync::config::FolderSynchronizationStatus) override {}
-    void HandleSubFolderFilteredOut(QString) override {}
-    void HandleFileFilteredOut(QString) override {}
+    void SetFilteredLocalFolderCount(int n) override;
+    void SetFilteredLocalFileCount(int n) override;
+    void SetFilteredServerFolderCount(int n) override;
+    void SetFilteredServerFileCount(int n) override;
+    void InitFilteredCount() override;
+    void TransferLocalOrServerFolderCreated(
+        const QString& path, sync::config::FolderSynchronizationStatus status) override;
+    void HandleSubFolderFilteredOut(QString path) override;
+    void HandleFileFilteredOut(QString path) override;
 
     // The tasks of every depot processed so far.
     QStringList plan;
+
+private:
+    std::shared_ptr<sync::interf::ISyncTaskEngine> _engine;
 };
 
 }  // namespace test
