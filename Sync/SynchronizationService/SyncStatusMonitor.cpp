@@ -163,6 +163,7 @@ void SyncStatusMonitor::End() {
 
 void SyncStatusMonitor::UpdateFolder(const QString& path, FolderSynchronizationStatus status) {
     if (!_started) return;
+    _storedFolderStatus.remove(syncStatusMonitor::PathKey(path));
     std::optional<sync::database::TransactionalScope> scope;
     _DecideFolderStatus(path, status, scope);
     if (scope) scope->commit();
@@ -222,6 +223,7 @@ void SyncStatusMonitor::_ClearTasks() {
     _folders.clear();
     _fileByKey.clear();
     _folderByKey.clear();
+    _storedFolderStatus.clear();
 }
 
 void SyncStatusMonitor::_BuildIndex() {
@@ -345,13 +347,19 @@ FolderSynchronizationStatus SyncStatusMonitor::_DetermineFolderStatusByAllSubFil
 void SyncStatusMonitor::_UpdateFolderConfig(
     const QString& path, FolderSynchronizationStatus status,
     std::optional<sync::database::TransactionalScope>& scope) {
+    const QString key = syncStatusMonitor::PathKey(path);
+    const auto known = _storedFolderStatus.constFind(key);
+    if (known != _storedFolderStatus.constEnd() && *known == status) return;
     FolderConfiguration folder =
         _folderConfigManager->GetFolderByPath(path, _rootFolder.authenticationId);
     // Without a record the manager would write nothing.
-    if (folder.id == -1 || folder.getSyncStatus() == status) return;
-    if (!scope) scope.emplace();
-    folder.setSyncStatus(status);
-    _folderConfigManager->UpdateFolder(folder);
+    if (folder.id == -1) return;
+    if (folder.getSyncStatus() != status) {
+        if (!scope) scope.emplace();
+        folder.setSyncStatus(status);
+        if (!_folderConfigManager->UpdateFolder(folder)) return;
+    }
+    _storedFolderStatus.insert(key, status);
 }
 
 }  // namespace syncService

@@ -176,6 +176,11 @@ private:
     // The first record of each path in walk order, the one a report for that path settles.
     QHash<QString, int> _fileByKey;
     QHash<QString, int> _folderByKey;
+    // The status each folder record is known to hold since the monitor last read or wrote it,
+    // by path key, so that a report reads a folder above it only when its status changes. Only
+    // the monitor writes the status of a folder it has not been told about; a folder reported
+    // through UpdateFolder is read again, since its worker may have just written it.
+    QHash<QString, sync::config::FolderSynchronizationStatus> _storedFolderStatus;
 };
 
 }  // namespace syncService

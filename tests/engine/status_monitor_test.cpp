@@ -354,8 +354,11 @@ TEST(StatusMonitorTest, CountedStatusesEqualTheLiteralWalkOnRandomTrees) {
                 ASSERT_EQ(counted->GetFolderById(id).getSyncStatus(),
                           literal.store->GetFolderById(id).getSyncStatus())
                     << step.toStdString() << " folder " << id;
-            for (const char* call : {"GetFolderByPath", "UpdateFolder", "UpdateFile"})
+            for (const char* call : {"UpdateFolder", "UpdateFile"})
                 ASSERT_EQ(counted->Calls(call), literal.store->Calls(call)) << step.toStdString();
+            // A folder whose status the monitor already knows is not read again.
+            ASSERT_LE(counted->Calls("GetFolderByPath"), literal.store->Calls("GetFolderByPath"))
+                << step.toStdString();
         };
 
         SyncStatusMonitor monitor(counted, counted);
