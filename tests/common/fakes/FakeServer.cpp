@@ -315,6 +315,7 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
             stored ? FileSynchronizationStatus::Synchronized : FileSynchronizationStatus::OutOfSync;
         f.syncStatus = pair.databaseRecord.syncStatus = outcome;
         if (!stored) {
+            _StoreRecord(pair.databaseRecord);
             CountFailure(r, Results::FileLocalCreation, target, status);
             continue;
         }
@@ -325,6 +326,20 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
         f.properties.insert(QStringLiteral("versionId"), entry->versionId);
         f.privileges = entry->privileges;
         f.lastModified = entry->modified;
+        // The record now describes the file on the disk and the server version it came from.
+        File& record = pair.databaseRecord;
+        record.size = f.size;
+        record.serverFileId = f.serverFileId;
+        record.serverChecksum = f.serverChecksum;
+        record.properties.insert(QStringLiteral("version"), QString::number(entry->version));
+        record.properties.insert(QStringLiteral("versionId"), entry->versionId);
+        record.privileges = f.privileges;
+        record.privilegeInfo = PrivilegeInfo(entry->privileges);
+        record.lastModified = entry->modified;
+        record.checksum = Hash(entry->content);
+        record.referencesOnly = 0;
+        record.transferPending = false;
+        _StoreRecord(record);
         CountDone(r, Results::FileLocalCreation, target);
     }
     return r;
@@ -346,6 +361,7 @@ Results FakeServer::DeleteFiles(const Folder&, QList<File>& files) {
         }
         // A file already gone counts as deleted.
         if (entry) _entries.remove(path);
+        if (_database && f.id > 0) _database->RemoveFile(f.id);
         CountDone(r, Results::FileServerDeletion, ShownPath(f));
     }
     return r;
@@ -384,6 +400,14 @@ void FakeServer::_Write(Entry& entry, const QByteArray& content) {
     ++entry.version;
     entry.versionId = QStringLiteral("vid-%1").arg(++_lastVersionId);
     entry.modified = QDateTime::fromSecsSinceEpoch(kEpochSeconds + ++_clock, Qt::UTC);
+}
+
+void FakeServer::_StoreRecord(File& record) {
+    if (!_database) return;
+    if (record.id > 0)
+        _database->UpdateFile(record);
+    else
+        _database->AddFile(record);
 }
 
 void FakeServer::PutFolder(const QString& path, int privileges) {

@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "FaultPlan.h"
+#include "IFileConfigManager.h"
 #include "IFileDeleteClient.h"
 #include "IFileDownloadClient.h"
 #include "IFileUploadClient.h"
@@ -78,6 +79,12 @@ public:
     bool reportsHashes = true;
     // On: a listing of a root that has not changed since its previous listing answers 304.
     bool answersNotModified = false;
+    // With a database, the transfer clients settle the records of what they transferred, as the
+    // real clients must: a download stores its file's record (new ones included) with the
+    // outcome, a server deletion removes the record of the file it deleted.
+    void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) {
+        _database = std::move(files);
+    }
     // The accounts the server knows; empty: every account. A manager asked for any other account
     // throws HttpException(401), as a server refuses credentials it does not know.
     QSet<int> accounts;
@@ -153,6 +160,9 @@ private:
     int _lastId = 0;
     int _lastVersionId = 0;
     int _clock = 0;  // seconds after the epoch of the server's time stamps
+    // Stores a transferred file's record when there is a database.
+    void _StoreRecord(sync::config::FileConfiguration& record);
+    std::shared_ptr<sync::interf::IFileConfigManager> _database;
     FaultPlan _faults;
 };
 
