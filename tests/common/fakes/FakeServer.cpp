@@ -266,17 +266,29 @@ Results FakeServer::UploadFiles(const sync::config::ServerConfiguration&, const 
         }
         if (status != 0 || !read) {
             f.syncStatus = FileSynchronizationStatus::OutOfSync;
+            _StoreRecord(f);
             CountFailure(r, Results::FileServerCreation, ShownPath(f), status);
             continue;
         }
+        // Only the references of a file whose content is already there are settled.
+        const bool referencesOnly = f.referencesOnly && existing && existing->content == content;
         Entry& entry = _Put(path, false, sync::config::PrivilegeAll);
-        _Write(entry, content);
+        if (!referencesOnly) _Write(entry, content);
         f.serverFileId = entry.id;
         f.serverChecksum = reportsHashes ? Hash(content) : QString();
         f.properties.insert(QStringLiteral("version"), QString::number(entry.version));
         f.properties.insert(QStringLiteral("versionId"), entry.versionId);
         f.size = content.size();
         f.syncStatus = FileSynchronizationStatus::Synchronized;
+        // The record now describes the file on the disk and the server version made of it.
+        QDateTime modified = QFileInfo(f.localPath).lastModified().toUTC();
+        f.lastModified = modified.addMSecs(-modified.time().msec());
+        f.checksum = Hash(content);
+        f.privileges = entry.privileges;
+        f.privilegeInfo = PrivilegeInfo(entry.privileges);
+        f.referencesOnly = 0;
+        f.transferPending = false;
+        _StoreRecord(f);
         CountDone(r, Results::FileServerCreation, ShownPath(f));
     }
     return r;
