@@ -21,7 +21,9 @@
 #include "ServerConfigTreeDiffer.h"
 #include "ServerEntryInfoTreeRetriever.h"
 #include "ServerPaths.h"
+#include "SyncConsts.h"
 #include "SynchronizationPreProcessor.h"
+#include "SynchronizationServiceFactory.h"
 #include "SynchronizeRunner.h"
 #include "Synchronizer.h"
 #include "TransactionalScope.h"
@@ -162,6 +164,7 @@ Scenario::Scenario()
     _files = std::make_shared<sync::database::FileConfigManager>(_db);
     _accounts = std::make_shared<sync::database::AuthenticationConfigManager>(_db);
     _serverConfigs = std::make_shared<sync::database::ServerConfigManager>(_db);
+    _server->SetDatabase(_files);
 
     sync::config::ServerConfiguration account;
     account.name = QStringLiteral("fake");
@@ -325,37 +328,103 @@ void Scenario::Exclude(const QString& below) {
 
 // --- The cycle ------------------------------------------------------------------------------
 
+namespace {
+
+// Hands the real engine to the plan recorder, or nothing when the scenario only plans.
+class ScenarioFactory : public sync::syncService::SynchronizationServiceFactory {
+public:
+    ScenarioFactory(Companions companions, bool executes)
+        : SynchronizationServiceFactory(std::move(companions)), _executes(executes) {}
+    std::shared_ptr<PlanRecorder> recorder;
+
+protected:
+    std::shared_ptr<sync::interf::ISyncTaskEngine> _CreateTaskEngine(
+        std::shared_ptr<sync::interf::ITaskWorkerManager> workers) override {
+        recorder = std::make_shared<PlanRecorder>(
+            _executes ? SynchronizationServiceFactory::_CreateTaskEngine(std::move(workers))
+                      : nullptr);
+        return recorder;
+    }
+
+private:
+    bool _executes;
+};
+
+class NoCustomUpdate : public sync::interf::ICustomFileConfigUpdater {
+public:
+    void UpdateFileConfig(FileConfiguration&) override {}
+};
+
+}  // namespace
+
 Cycle Scenario::RunCycle() {
     using namespace sync::syncService;
-    auto local =
-        std::make_shared<LocalEntryInfoTreeRetriever>(_folders, _files, _core, _filter, _filter);
-    auto config = std::make_shared<ConfigEntryInfoTreeRetriever>(_files, _folders);
-    auto server = std::make_shared<ServerEntryInfoTreeRetriever>(_folders, _files, _core, _server,
-                                                                 _server, _filter, _filter);
-    auto runner = std::make_shared<SynchronizeRunner>(
-        std::make_shared<ConflictResolverFactory>(), local, config, server,
-        std::make_shared<LocalConfigTreeDiffer>(), std::make_shared<ServerConfigTreeDiffer>(),
-        _core, std::make_shared<SynchronizationPreProcessor>(_core, _files, _folders), _files,
-        _folders, nullptr);
-    auto engine = std::make_shared<PlanRecorder>();
+    SynchronizationServiceFactory::Companions companions;
+    companions.coreFactory = _core;
+    companions.folderConfigManager = _folders;
+    companions.fileConfigManager = _files;
+    companions.authenticationConfigManager = _accounts;
+    companions.serverConfigManager = _serverConfigs;
+    companions.remoteFolderManagerFactory = _server;
+    companions.remoteFileManagerFactory = _server;
+    companions.uploadClient = _server;
+    companions.downloadClient = _server;
+    companions.deleteClient = _server;
+    companions.urlBuilder = _server;
+    companions.customFileConfigUpdater = std::make_shared<NoCustomUpdate>();
+    companions.fileFilter = _filter;
+    companions.folderFilter = _filter;
+    ScenarioFactory factory(companions, _executes);
     QSharedPointer<Recorder> recorder(new Recorder(*this));
     const int actionLogStart = _core->ActionLogLines().size();
+    _filesBeforeLastCycle = _FilesOnEitherSide();
 
     Cycle cycle;
-    {
-        Synchronizer synchronizer(_accounts, _serverConfigs, nullptr, _files, _folders, _server,
-                                  _core->CreateQDirWrapper(nullptr), engine, _core, nullptr,
-                                  recorder, local, config, server, runner, nullptr);
-        cycle.total = synchronizer.Synchronize();
-    }
+    cycle.total = factory.CreateSynchronizer(recorder, nullptr)->Synchronize();
     // The reports travel to the host by queued connections.
     QCoreApplication::sendPostedEvents();
 
-    _lastPlan = cycle.plan = engine->plan;
+    _lastPlan = cycle.plan = factory.recorder ? factory.recorder->plan : QStringList();
     cycle.reports = recorder->lines;
     for (const QString& line : _core->ActionLogLines().mid(actionLogStart))
         cycle.actionLog << _Shown(line);
     return cycle;
+}
+
+QSet<QString> Scenario::_FilesOnEitherSide() const {
+    QSet<QString> files;
+    const QString local = LocalPath(QString());
+    QDirIterator it(local, QDir::Files | QDir::Hidden | QDir::System, QDirIterator::Subdirectories);
+    while (it.hasNext()) {
+        const QString path = it.next();
+        if (!path.contains(QLatin1String("/.{"))) files.insert(path.mid(local.size()));
+    }
+    for (const QString& line : _server->Listing()) {
+        // `server /Docs/a.txt v1 "hello"`: files carry a version, folders end in "/".
+        const QString path = line.section(QLatin1Char(' '), 1, 1);
+        if (!path.endsWith(QLatin1Char('/')))
+            files.insert(path.mid(QString(kRootServerPath).size()));
+    }
+    return files;
+}
+
+QStringList Scenario::LostFiles() const {
+    QStringList deleted;  // server paths of the planned deletions
+    for (const QString& line : _lastPlan)
+        if (line.contains(QLatin1String("Deletion ")))
+            deleted << line.section(QLatin1Char(' '), 2).mid(QString(kRootServerPath).size());
+    const QSet<QString> now = _FilesOnEitherSide();
+    QStringList lost;
+    for (const QString& file : _filesBeforeLastCycle) {
+        if (now.contains(file)) continue;
+        bool planned = false;
+        for (const QString& d : deleted)
+            planned = planned || file.compare(d, Qt::CaseInsensitive) == 0 ||
+                      file.startsWith(d + QLatin1Char('/'), Qt::CaseInsensitive);
+        if (!planned) lost << file;
+    }
+    lost.sort();
+    return lost;
 }
 
 // --- Listings -------------------------------------------------------------------------------
@@ -368,6 +437,12 @@ QStringList Scenario::_LocalLines() const {
                         QDirIterator::Subdirectories);
         while (it.hasNext()) {
             const QString path = it.next();
+            // The engine keeps its working folder for transfers; listed only while it holds
+            // something.
+            if (it.fileInfo().isDir() && it.fileName() == sync::core::consts::TEMP_FOLDER_NAME &&
+                QDir(path).isEmpty(QDir::AllEntries | QDir::Hidden | QDir::System |
+                                   QDir::NoDotAndDotDot))
+                continue;
             if (it.fileInfo().isDir())
                 lines << QStringLiteral("%1 %2/").arg(prefix, shown(path));
             else

@@ -4,6 +4,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QList>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -44,8 +45,9 @@ struct Cycle {
 // local path as the matching server path (/Docs/a.txt), so that both sides read alike; paths
 // that a test passes in are below the root ("sub/a.txt", a trailing "/" for a folder).
 //
-// The cycle plans with the real runner and hands the depot to PlanRecorder, which executes
-// nothing: a scenario's listing shows the planned tasks instead of executed work.
+// The cycle is wired as the service wires it (SynchronizationServiceFactory). Each depot passes
+// PlanRecorder, so that the listing shows the planned tasks; it executes nothing unless the
+// scenario asks for execution (ExecuteTasks), when the real task engine and workers run.
 class Scenario {
 public:
     // A path ending in "/" is a folder.
@@ -87,8 +89,13 @@ public:
     sync::database::FolderConfigManager& Folders() { return *_folders; }
     sync::database::FileConfigManager& Files() { return *_files; }
 
+    // Off (the default): cycles plan and stop there. On: they execute the plan too.
+    void ExecuteTasks(bool on) { _executes = on; }
     // One cycle of a fresh Synchronizer, as the service runs it.
     Cycle RunCycle();
+    // Files (paths below the root) that existed on either side before the last cycle and now
+    // exist on neither, without a deletion planned for them or a folder above them: lost.
+    QStringList LostFiles() const;
 
     // Sorted lines: the local disk (`local /Docs/a.txt "hello"`, `local /Docs/sub/`), the
     // server (`server /Docs/a.txt v1 "hello"`), the trash (`trash a.txt "hello"`), the database
@@ -107,6 +114,8 @@ private:
     QString _Shown(const QString& text) const;
     QStringList _LocalLines() const;
     QStringList _DatabaseLines();
+    // Paths below the root of every file on the disk and on the server.
+    QSet<QString> _FilesOnEitherSide() const;
     // The database id of the folder, seeded with its parents where it is missing.
     int _SeedFolder(const sync::config::FolderConfiguration& root, const QString& below,
                     QHash<QString, int>& folderIds);
@@ -124,6 +133,8 @@ private:
     std::shared_ptr<sync::database::ServerConfigManager> _serverConfigs;
     int _rootId = -1;
     QStringList _lastPlan;
+    bool _executes = false;
+    QSet<QString> _filesBeforeLastCycle;
 };
 
 }  // namespace test
