@@ -1,0 +1,78 @@
+#pragma once
+
+#include <QString>
+#include <memory>
+
+#include "IRemoteFileManagerFactory.h"
+#include "IRemoteFolderManagerFactory.h"
+#include "IUrlBuilder.h"
+#include "ServerConfiguration.h"
+
+namespace sync {
+namespace remote {
+
+// A directory on this machine playing the server of one account: a root folder's serverPath is
+// the path below that directory. Listings carry "dev:ino" as the entry's id, a version id that
+// changes whenever the content may have changed (size, modification time, change time), no
+// checksum (hashing every file per listing would cost more than a transfer), and privileges
+// from what this process may do in the directory. Symbolic links and special files are never
+// listed: a link may lead out of the directory or around in a loop.
+//
+// OS errors answer as a web server would: not found 404, no permission 403, disk full 507,
+// something else in the way 409, anything else 500.
+class LocalFolderServer : public sync::interf::factory::IRemoteFolderManagerFactory,
+                          public sync::interf::factory::IRemoteFileManagerFactory,
+                          public sync::interf::IRemoteFolderManager,
+                          public sync::interf::IRemoteFileManager,
+                          public sync::interf::IUrlBuilder,
+                          public std::enable_shared_from_this<LocalFolderServer> {
+public:
+    using Folder = sync::config::FolderConfiguration;
+    using File = sync::config::FileConfiguration;
+    using Results = sync::core::SyncResults;
+
+    // authenticationId -1: the managers serve any account.
+    explicit LocalFolderServer(const QString& directory, int authenticationId = -1);
+    // The directory an account's base URL names: a file:// URL or a plain path.
+    static QString DirectoryOf(const sync::config::ServerConfiguration& server);
+
+    const QString& Directory() const { return _directory; }
+
+    // Throw HttpException(401) for an account other than the one served.
+    std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
+        int authenticationId) override;
+    std::shared_ptr<sync::interf::IRemoteFileManager> CreateRemoteFileManager(
+        int authenticationId) override;
+
+    // A missing parent answers 409 without createParents, as MKCOL does; an existing folder
+    // is success.
+    Results CreateFolder(Folder& folder, const QString& text, bool createParents) override;
+    // A path that holds no folder counts as deleted; the top folder is never deleted (403).
+    Results DeleteFolder(Folder& folder) override;
+    bool GetFolderInfo(const Folder& folder, Folder& info) override;
+    // 0 with the whole tree, 404 when the root is missing, another status when any folder of
+    // the walk could not be read (403) or vanished (409); nothing is filled then.
+    int GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
+                      std::shared_ptr<QVector<File>> files) override;
+    int GetRootFiles(Folder& root, std::shared_ptr<QVector<File>> files) override;
+
+    // A file:// URL of the entry.
+    QString BuildUrl(const sync::config::ServerConfiguration& server,
+                     const QString& serverPath) override;
+
+    // The HTTP-like status of an errno value.
+    static int StatusOf(int error);
+
+private:
+    void _CheckAccount(int authenticationId) const;
+    // The native path of a server path; throws HttpException(400) for "." and ".." parts,
+    // which would leave the directory.
+    QByteArray _NativePath(const QString& serverPath) const;
+    int _List(Folder& root, bool directOnly, QVector<Folder>* folders, QVector<File>* files);
+
+    QString _directory;
+    int _authenticationId;
+};
+
+}  // namespace remote
+}  // namespace sync

@@ -1,0 +1,330 @@
+// One suite for every server backend: what the engine may rely on from a listing and from the
+// folder operations, checked against the in-memory fake and the local-folder server alike.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <QDir>
+#include <QFile>
+#include <QSet>
+#include <QTemporaryDir>
+#include <functional>
+#include <iostream>
+
+#include "FakeServer.h"
+#include "HttpException.h"
+#include "LocalFolderServer.h"
+
+namespace {
+
+using sync::config::FileConfiguration;
+using sync::config::FolderConfiguration;
+using Folders = QVector<FolderConfiguration>;
+using Files = QVector<FileConfiguration>;
+
+constexpr int kAccount = 7;
+// Rules a backend may be known to break.
+const std::string kHiddenEntries = "hidden entries are listed only when the root asks";
+const std::string kFolderBelowFile = "no folder is created below a file";
+
+// Seeds one backend's entries by server path and hands out its managers.
+class Backend {
+public:
+    virtual ~Backend() = default;
+    virtual std::shared_ptr<sync::interf::IRemoteFolderManager> Folders() = 0;
+    virtual std::shared_ptr<sync::interf::IRemoteFileManager> Files() = 0;
+    virtual void PutFolder(const QString& path) = 0;
+    virtual void PutFile(const QString& path, const QByteArray& content) = 0;
+    virtual void Remove(const QString& path) = 0;
+    // False when the backend has no unreadable folders.
+    virtual bool MakeUnreadable(const QString& path) = 0;
+    // Known departures of a backend from the contract, by name: its cases skip, saying so.
+    virtual bool Departs(const std::string& rule) const { return rule.empty(); }
+};
+
+class FakeBackend : public Backend {
+public:
+    std::shared_ptr<sync::interf::IRemoteFolderManager> Folders() override {
+        return _server->CreateRemoteFolderManager(kAccount);
+    }
+    std::shared_ptr<sync::interf::IRemoteFileManager> Files() override {
+        return _server->CreateRemoteFileManager(kAccount);
+    }
+    void PutFolder(const QString& path) override { _server->PutFolder(path); }
+    void PutFile(const QString& path, const QByteArray& content) override {
+        _server->PutFile(path, content);
+    }
+    void Remove(const QString& path) override { _server->Remove(path); }
+    bool MakeUnreadable(const QString&) override { return false; }
+    bool Departs(const std::string& rule) const override {
+        return rule == kHiddenEntries || rule == kFolderBelowFile;
+    }
+
+private:
+    std::shared_ptr<sync::test::FakeServer> _server = std::make_shared<sync::test::FakeServer>();
+};
+
+class LocalBackend : public Backend {
+public:
+    LocalBackend() : _server(std::make_shared<sync::remote::LocalFolderServer>(_dir.path())) {}
+    // Unreadable folders would stop the temporary directory's removal.
+    ~LocalBackend() override {
+        for (const QString& path : _locked) ::chmod(QFile::encodeName(path).constData(), 0700);
+    }
+    std::shared_ptr<sync::interf::IRemoteFolderManager> Folders() override {
+        return _server->CreateRemoteFolderManager(kAccount);
+    }
+    std::shared_ptr<sync::interf::IRemoteFileManager> Files() override {
+        return _server->CreateRemoteFileManager(kAccount);
+    }
+    void PutFolder(const QString& path) override { ASSERT_TRUE(QDir().mkpath(_dir.path() + path)); }
+    void PutFile(const QString& path, const QByteArray& content) override {
+        QFile file(_dir.path() + path);
+        ASSERT_TRUE(QDir().mkpath(QFileInfo(file).absolutePath()));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        ASSERT_EQ(file.write(content), content.size());
+    }
+    void Remove(const QString& path) override {
+        QDir(_dir.path() + path).removeRecursively();
+        QFile::remove(_dir.path() + path);
+    }
+    bool MakeUnreadable(const QString& path) override {
+        _locked.append(_dir.path() + path);
+        return ::chmod(QFile::encodeName(_locked.last()).constData(), 0) == 0;
+    }
+
+private:
+    QTemporaryDir _dir;
+    std::shared_ptr<sync::remote::LocalFolderServer> _server;
+    QStringList _locked;
+};
+
+struct BackendKind {
+    const char* name;
+    std::function<std::unique_ptr<Backend>()> make;
+};
+
+void PrintTo(const BackendKind& kind, std::ostream* os) {
+    *os << kind.name;
+}
+
+class RemoteContract : public ::testing::TestWithParam<BackendKind> {
+protected:
+    void SetUp() override {
+        backend = GetParam().make();
+        root.id = root.rootId = 1;
+        root.authenticationId = kAccount;
+        root.serverPath = QStringLiteral("/Docs");
+        root.localPath = QStringLiteral("/home/u/Docs");
+    }
+
+    // Listing status and "path|localPath|name|size" lines (folders end with "/"), sorted, one
+    // text for readable failures.
+    int List(std::string& text) {
+        QStringList lines;
+        auto folders = std::make_shared<Folders>();
+        auto files = std::make_shared<Files>();
+        const int status = backend->Folders()->GetFolderTree(root, folders, files);
+        for (const FolderConfiguration& f : *folders)
+            lines << QStringLiteral("%1/|%2|%3").arg(f.serverPath, f.localPath, f.name);
+        for (const FileConfiguration& f : *files)
+            lines
+                << QStringLiteral("%1|%2|%3|%4").arg(f.serverPath, f.localPath, f.name).arg(f.size);
+        lines.sort();
+        text = lines.join(QLatin1Char('\n')).toStdString();
+        return status;
+    }
+    static std::string Sorted(QStringList lines) {
+        lines.sort();
+        return lines.join(QLatin1Char('\n')).toStdString();
+    }
+    FileConfiguration FileAt(const QString& serverPath) {
+        auto files = std::make_shared<Files>();
+        EXPECT_EQ(backend->Folders()->GetFolderTree(root, std::make_shared<Folders>(), files), 0);
+        for (const FileConfiguration& f : *files)
+            if (f.serverPath == serverPath) return f;
+        ADD_FAILURE() << "not listed: " << serverPath.toStdString();
+        return {};
+    }
+    FolderConfiguration FolderAt(const QString& serverPath) {
+        FolderConfiguration f;
+        f.serverPath = serverPath;
+        return f;
+    }
+
+    std::unique_ptr<Backend> backend;
+    FolderConfiguration root;
+};
+
+TEST_P(RemoteContract, ListsTheWholeTreeBelowTheRootWithEveryField) {
+    backend->PutFile(QStringLiteral("/Docs/a b.txt"), "hello");
+    backend->PutFile(QStringLiteral("/Docs/Ünï/100%.txt"), "xy");
+    backend->PutFolder(QStringLiteral("/Docs/Ünï/deep/empty"));
+    backend->PutFile(QStringLiteral("/Other/out.txt"), "no");
+    const QDateTime before = QDateTime::currentDateTimeUtc();
+
+    std::string lines;
+    ASSERT_EQ(List(lines), 0);
+    EXPECT_EQ(lines, Sorted({
+                         "/Docs/a b.txt|/home/u/Docs/a b.txt|a b.txt|5",
+                         "/Docs/Ünï/|/home/u/Docs/Ünï|Ünï",
+                         "/Docs/Ünï/100%.txt|/home/u/Docs/Ünï/100%.txt|100%.txt|2",
+                         "/Docs/Ünï/deep/|/home/u/Docs/Ünï/deep|deep",
+                         "/Docs/Ünï/deep/empty/|/home/u/Docs/Ünï/deep/empty|empty",
+                     }));
+    EXPECT_GE(root.getLastServerSyncRequestTime(), before.addSecs(-1));
+
+    const FileConfiguration file = FileAt(QStringLiteral("/Docs/Ünï/100%.txt"));
+    EXPECT_FALSE(file.serverFileId.isEmpty());
+    EXPECT_FALSE(file.properties.value(QStringLiteral("versionId")).isEmpty());
+    EXPECT_TRUE(file.lastModified.isValid());
+    const int transfers = sync::config::PrivilegeDownload | sync::config::PrivilegeUpload |
+                          sync::config::PrivilegeDelete;
+    EXPECT_EQ(file.privileges & transfers, transfers);
+
+    auto rootFiles = std::make_shared<Files>();
+    ASSERT_EQ(backend->Files()->GetRootFiles(root, rootFiles), 0);
+    ASSERT_EQ(rootFiles->size(), 1);
+    EXPECT_EQ(rootFiles->at(0).localPath, QStringLiteral("/home/u/Docs/a b.txt"));
+}
+
+TEST_P(RemoteContract, HiddenEntriesOnlyWhenTheRootAsksAndNeverTheEnginesOwnFolders) {
+    if (backend->Departs(kHiddenEntries)) GTEST_SKIP() << "known departure: " << kHiddenEntries;
+    backend->PutFile(QStringLiteral("/Docs/shown.txt"), "1");
+    backend->PutFile(QStringLiteral("/Docs/.hidden"), "2");
+    backend->PutFile(QStringLiteral("/Docs/.dir/in.txt"), "3");
+    backend->PutFile(QStringLiteral("/Docs/.{SyncTemp}/t.TMP"), "4");
+    backend->PutFile(QStringLiteral("/Docs/.{SyncBackup}/b.BASE"), "5");
+    const struct {
+        int syncOption;
+        QStringList names;
+    } rows[] = {
+        {sync::config::NoSyncOption, {"shown.txt"}},
+        {sync::config::SyncHiddenEntries, {".dir", ".hidden", "in.txt", "shown.txt"}},
+    };
+    for (const auto& row : rows) {
+        root.setSyncOption(row.syncOption);
+        auto folders = std::make_shared<Folders>();
+        auto files = std::make_shared<Files>();
+        ASSERT_EQ(backend->Folders()->GetFolderTree(root, folders, files), 0);
+        QStringList names;
+        for (const auto& f : *folders) names << f.name;
+        for (const auto& f : *files) names << f.name;
+        names.sort();
+        EXPECT_EQ(names, row.names) << "syncOption " << row.syncOption;
+    }
+}
+
+TEST_P(RemoteContract, MissingRootAnswers404AndFillsNothing) {
+    backend->PutFile(QStringLiteral("/Other/x.txt"), "x");
+    auto folders = std::make_shared<Folders>();
+    auto files = std::make_shared<Files>();
+    EXPECT_EQ(backend->Folders()->GetFolderTree(root, folders, files), 404);
+    EXPECT_EQ(backend->Files()->GetRootFiles(root, files), 404);
+    EXPECT_TRUE(folders->isEmpty() && files->isEmpty());
+    EXPECT_FALSE(root.getLastServerSyncRequestTime().isValid());
+}
+
+TEST_P(RemoteContract, AnUnreadableFolderFailsTheListingInsteadOfShorteningIt) {
+    if (::geteuid() == 0) GTEST_SKIP() << "root reads every folder";
+    backend->PutFile(QStringLiteral("/Docs/top.txt"), "t");
+    backend->PutFile(QStringLiteral("/Docs/locked/in.txt"), "l");
+    if (!backend->MakeUnreadable(QStringLiteral("/Docs/locked")))
+        GTEST_SKIP() << "this backend has no unreadable folders";
+    auto folders = std::make_shared<Folders>();
+    auto files = std::make_shared<Files>();
+    const int status = backend->Folders()->GetFolderTree(root, folders, files);
+    EXPECT_NE(status, 0);
+    EXPECT_NE(status, 404) << "404 would read as a missing root";
+    EXPECT_TRUE(folders->isEmpty() && files->isEmpty());
+}
+
+TEST_P(RemoteContract, CreateFolder) {
+    backend->PutFile(QStringLiteral("/Docs/file"), "f");
+    const struct {
+        const char* path;
+        bool createParents;
+        int errorCode;  // 0: created
+    } rows[] = {
+        {"/Docs/new", false, 0},  {"/Docs", false, 0},        {"/Docs/x/y/z", false, 409},
+        {"/Docs/x/y/z", true, 0}, {"/Docs/file", false, 409}, {"/Docs/file/sub", true, 409},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.path);
+        if (row.path == std::string("/Docs/file/sub") && backend->Departs(kFolderBelowFile)) {
+            std::cout << "known departure, row left out: " << kFolderBelowFile << "\n";
+            continue;
+        }
+        FolderConfiguration folder = FolderAt(QString::fromUtf8(row.path));
+        folder.localPath = QStringLiteral("/home/u") + folder.serverPath;
+        const auto r = backend->Folders()->CreateFolder(folder, QString(), row.createParents);
+        FolderConfiguration info;
+        if (row.errorCode == 0) {
+            EXPECT_EQ(r.FolderServerCreations, 1);
+            EXPECT_EQ(r.FolderServerCreationErrors, 0);
+            EXPECT_FALSE(folder.getServerFolderId().isEmpty());
+            ASSERT_TRUE(backend->Folders()->GetFolderInfo(folder, info));
+            EXPECT_EQ(info.getServerFolderId(), folder.getServerFolderId());
+        } else {
+            EXPECT_EQ(r.FolderServerCreationErrors, 1);
+            EXPECT_EQ(r.FolderServerCreationErrorPaths, QStringList{folder.localPath});
+            EXPECT_EQ(r.errorCodes.value(row.errorCode), 1);
+            EXPECT_FALSE(backend->Folders()->GetFolderInfo(folder, info));
+        }
+    }
+}
+
+TEST_P(RemoteContract, DeleteFolderTakesTheContentAndAMissingFolderCountsAsDone) {
+    backend->PutFile(QStringLiteral("/Docs/full/sub/a.txt"), "a");
+    backend->PutFile(QStringLiteral("/Docs/.hid/b"), "b");
+    backend->PutFile(QStringLiteral("/Docs/keep.txt"), "k");
+    for (const char* path : {"/Docs/full", "/Docs/.hid", "/Docs/never"}) {
+        FolderConfiguration folder = FolderAt(QString::fromUtf8(path));
+        const auto r = backend->Folders()->DeleteFolder(folder);
+        EXPECT_EQ(r.FolderServerDeletions, 1) << path;
+        FolderConfiguration info;
+        EXPECT_FALSE(backend->Folders()->GetFolderInfo(folder, info)) << path;
+    }
+    root.setSyncOption(sync::config::SyncHiddenEntries);
+    std::string lines;
+    ASSERT_EQ(List(lines), 0);
+    EXPECT_EQ(lines, "/Docs/keep.txt|/home/u/Docs/keep.txt|keep.txt|1");
+}
+
+TEST_P(RemoteContract, GetFolderInfoFindsFoldersOnly) {
+    backend->PutFile(QStringLiteral("/Docs/sub/f.txt"), "f");
+    auto folders = std::make_shared<Folders>();
+    ASSERT_EQ(backend->Folders()->GetFolderTree(root, folders, std::make_shared<Files>()), 0);
+    ASSERT_EQ(folders->size(), 1);
+    FolderConfiguration info;
+    ASSERT_TRUE(backend->Folders()->GetFolderInfo(FolderAt(QStringLiteral("/Docs/sub")), info));
+    EXPECT_EQ(info.getServerFolderId(), folders->at(0).getServerFolderId());
+    EXPECT_TRUE(info.privileges & sync::config::PrivilegeUpload);
+    EXPECT_FALSE(backend->Folders()->GetFolderInfo(FolderAt(QStringLiteral("/Docs/no")), info));
+    EXPECT_FALSE(
+        backend->Folders()->GetFolderInfo(FolderAt(QStringLiteral("/Docs/sub/f.txt")), info));
+}
+
+TEST_P(RemoteContract, FileIdIsStableAndVersionIdFollowsTheContent) {
+    backend->PutFile(QStringLiteral("/Docs/changing.txt"), "aaaa");
+    backend->PutFile(QStringLiteral("/Docs/still.txt"), "s");
+    const FileConfiguration changing = FileAt(QStringLiteral("/Docs/changing.txt"));
+    const FileConfiguration still = FileAt(QStringLiteral("/Docs/still.txt"));
+    EXPECT_NE(changing.serverFileId, still.serverFileId);
+
+    // Same size, at once: only a finer clock than seconds tells the versions apart.
+    backend->PutFile(QStringLiteral("/Docs/changing.txt"), "bbbb");
+    const FileConfiguration changed = FileAt(QStringLiteral("/Docs/changing.txt"));
+    EXPECT_EQ(changed.serverFileId, changing.serverFileId);
+    EXPECT_NE(changed.properties.value("versionId"), changing.properties.value("versionId"));
+    EXPECT_EQ(FileAt(QStringLiteral("/Docs/still.txt")).properties.value("versionId"),
+              still.properties.value("versionId"));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Backends, RemoteContract,
+    ::testing::Values(BackendKind{"Fake", [] { return std::unique_ptr<Backend>(new FakeBackend); }},
+                      BackendKind{"LocalFolder",
+                                  [] { return std::unique_ptr<Backend>(new LocalBackend); }}),
+    [](const ::testing::TestParamInfo<BackendKind>& info) { return std::string(info.param.name); });
+
+}  // namespace
