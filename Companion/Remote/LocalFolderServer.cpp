@@ -4,14 +4,23 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <unistd.h>
+
+#include <QCryptographicHash>
 #include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QRandomGenerator>
 #include <QUrl>
 #include <cerrno>
 #include <cstring>
 #include <deque>
 #include <vector>
 
+#include "CryptographicHash.h"
 #include "HttpException.h"
+#include "QFileWrapper.h"
 #include "ServerPaths.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
@@ -19,6 +28,7 @@
 namespace sync {
 namespace remote {
 
+using sync::config::FileSynchronizationStatus;
 using sync::config::PrivilegeDelete;
 using sync::config::PrivilegeDownload;
 using sync::config::PrivilegeUpload;
@@ -34,6 +44,21 @@ constexpr int kUnauthorized = 401;
 constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kConflict = 409;
+constexpr int kPreconditionFailed = 412;
+constexpr std::size_t kCopyBlockSize = std::size_t(1) << 20;
+// Room left in a name for the dot, the random part and the extension of a temporary file.
+constexpr int kTemporaryNameBytes = 200;
+
+class FdCloser {
+public:
+    explicit FdCloser(int fd) : fd(fd) {}
+    FdCloser(const FdCloser&) = delete;
+    FdCloser& operator=(const FdCloser&) = delete;
+    ~FdCloser() {
+        if (fd >= 0) ::close(fd);
+    }
+    const int fd;
+};
 
 class DirCloser {
 public:
@@ -225,6 +250,476 @@ QString LocalFolderServer::BuildUrl(const sync::config::ServerConfiguration& ser
     if (directory.isEmpty()) directory = _directory;
     return QUrl::fromLocalFile(sync::core::JoinServerPath(directory, serverPath))
         .toString(QUrl::FullyEncoded);
+}
+
+// --- Transfers ------------------------------------------------------------------------------
+
+namespace {
+
+void CountFailure(Results& r, Results::Category category, const QString& path, int status) {
+    ++r.errors(category);
+    r.errorPaths(category).append(path);
+    // A failure of the local disk has no status to report.
+    if (status != 0) r.errorCodes[status] += 1;
+}
+
+void CountDone(Results& r, Results::Category category, const QString& path) {
+    ++r.done(category);
+    r.donePaths(category).append(path);
+}
+
+QString ErrorText(int error) {
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+// Whole seconds: the database keeps no finer time, and the local side compares in seconds.
+QDateTime WholeSecondsOf(const struct stat& st) {
+    return QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec), Qt::UTC);
+}
+
+// Size and modification time tell a local file's version; on the server side the change time
+// too, as the version ids do.
+bool SameStamp(const struct stat& a, const struct stat& b, bool withChangeTime) {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
+           (!withChangeTime ||
+            (a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec));
+}
+
+bool WriteAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= std::size_t(n);
+    }
+    return true;
+}
+
+// Copies in to out to the end, hashing what passes; the bytes copied, or -1 with readError or
+// writeError set, so that the caller knows which side failed.
+qint64 CopyHashing(int in, int out, QCryptographicHash& hash, int& readError, int& writeError) {
+    std::vector<char> buffer(kCopyBlockSize);
+    qint64 total = 0;
+    for (;;) {
+        const ssize_t n = ::read(in, buffer.data(), buffer.size());
+        if (n == 0) return total;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            readError = errno;
+            return -1;
+        }
+        hash.addData(QByteArray::fromRawData(buffer.data(), int(n)));
+        if (!WriteAll(out, buffer.data(), std::size_t(n))) {
+            writeError = errno;
+            return -1;
+        }
+        total += n;
+    }
+}
+
+QString HexOf(const QCryptographicHash& hash) {
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+// The folder part and the name of a native path.
+void SplitNative(const QByteArray& native, QByteArray& parent, QByteArray& name) {
+    const int slash = native.lastIndexOf('/');
+    parent = slash <= 0 ? QByteArray("/") : native.left(slash);
+    name = native.mid(slash + 1);
+}
+
+// A name no one else uses in the folder, created for writing; -1 with errno set.
+int CreateTemporary(int dirFd, const QByteArray& name, QByteArray& temporary) {
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        temporary = '.' + name.left(kTemporaryNameBytes) + '.' +
+                    QByteArray::number(QRandomGenerator::global()->generate(), 16) + '.' +
+                    sync::core::consts::TEMP_FILE_EXTN.toUtf8();
+        const int fd = ::openat(dirFd, temporary.constData(),
+                                O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+        if (fd >= 0 || errno != EEXIST) return fd;
+    }
+    return -1;
+}
+
+bool SetModified(int fd, const struct timespec& modified) {
+    const struct timespec times[2] = {{0, UTIME_OMIT}, modified};
+    return ::futimens(fd, times) == 0;
+}
+
+// The server's side of a file record: what a listing of it would show now.
+void SetServerFields(File& f, const struct stat& st, int privileges) {
+    f.serverFileId = IdOf(st);
+    // Listings carry no checksum; a record holding one would read as a change.
+    f.serverChecksum.clear();
+    f.properties.remove(QStringLiteral("version"));
+    f.properties.insert(QStringLiteral("versionId"), VersionIdOf(st));
+    f.privileges = privileges;
+    f.privilegeInfo = PrivilegeInfo(privileges);
+    f.serverModified = ModifiedOf(st);
+}
+
+}  // namespace
+
+void LocalFolderServer::_StoreRecord(File& record) {
+    if (!_database) return;
+    if (record.id > 0)
+        _database->UpdateFile(record);
+    else
+        _database->AddFile(record);
+}
+
+Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
+                                       QList<File>& files) {
+    Results r;
+    for (File& f : files) {
+        int status = 0;
+        if (_Upload(f, status)) {
+            _StoreRecord(f);
+            CountDone(r, Results::FileServerCreation, ShownPath(f));
+            continue;
+        }
+        SYNC_LOG_WARN("Upload of %1 to %2 failed: status %3", f.localPath, f.serverPath,
+                      QString::number(status));
+        f.syncStatus = FileSynchronizationStatus::OutOfSync;
+        _StoreRecord(f);
+        CountFailure(r, Results::FileServerCreation, ShownPath(f), status);
+    }
+    return r;
+}
+
+bool LocalFolderServer::_Upload(File& f, int& status) {
+    status = 0;
+    QByteArray native;
+    try {
+        native = _NativePath(f.serverPath);
+    } catch (const HttpException& e) {
+        status = e.code;
+        return false;
+    }
+    if (native == _directory.toUtf8()) {
+        status = kConflict;
+        return false;
+    }
+    QByteArray parent, name;
+    SplitNative(native, parent, name);
+    const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (dir.fd < 0) {
+        // A missing parent is a conflict with the tree, as PUT answers it.
+        status = errno == ENOENT || errno == ENOTDIR ? kConflict : StatusOf(errno);
+        return false;
+    }
+    // Whether the server file is there now (filling st); status set when that is unknown.
+    const auto serverNow = [&](struct stat& st) {
+        if (::fstatat(dir.fd, name.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) return true;
+        if (errno != ENOENT) status = StatusOf(errno);
+        return false;
+    };
+    // Only what the engine has seen is replaced: nothing for a new file, else the version the
+    // record names.
+    const auto seen = [&](const struct stat* now) {
+        if (f.serverFileId.isEmpty()) return now == nullptr;
+        const QString versionId = f.properties.value(QStringLiteral("versionId"));
+        return now && IdOf(*now) == f.serverFileId &&
+               (versionId.isEmpty() || versionId == VersionIdOf(*now));
+    };
+    struct stat server;
+    const bool exists = serverNow(server);
+    if (status != 0) return false;
+    if (exists && !S_ISREG(server.st_mode)) {
+        status = kConflict;
+        return false;
+    }
+
+    const FdCloser local(
+        ::open(QFile::encodeName(f.localPath).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat before;
+    if (local.fd < 0 || ::fstat(local.fd, &before) != 0 || !S_ISREG(before.st_mode)) {
+        SYNC_LOG_WARN("Cannot read %1 for upload", f.localPath);
+        return false;
+    }
+    const bool writable = Allowed(dir.fd, ".", W_OK | X_OK);
+    const auto settle = [&](const struct stat& stored, const QString& hash) {
+        SetServerFields(f, stored, PrivilegesOf(dir.fd, name.constData(), false, writable));
+        f.size = qint64(before.st_size);
+        f.lastModified = WholeSecondsOf(before);
+        f.checksum = hash;
+        f.syncStatus = FileSynchronizationStatus::Synchronized;
+        f.referencesOnly = 0;
+        f.transferPending = false;
+        return true;
+    };
+
+    if (f.referencesOnly && exists && server.st_size == before.st_size) {
+        const QString localHash = sync::core::CryptographicHash().GetFileHash(f.localPath);
+        const QString serverHash =
+            sync::core::CryptographicHash().GetFileHash(QString::fromUtf8(native));
+        struct stat after;
+        if (!localHash.isEmpty() && localHash == serverHash && ::fstat(local.fd, &after) == 0 &&
+            SameStamp(before, after, false)) {
+            struct stat now;
+            if (serverNow(now) && SameStamp(server, now, true)) return settle(now, localHash);
+            // Not settled this way; the copy below asks again.
+            status = 0;
+        }
+    }
+    if (!seen(exists ? &server : nullptr)) {
+        status = kPreconditionFailed;
+        return false;
+    }
+
+    QByteArray temporary;
+    const FdCloser out(CreateTemporary(dir.fd, name, temporary));
+    if (out.fd < 0) {
+        status = StatusOf(errno);
+        return false;
+    }
+    bool renamed = false;
+    struct Remover {
+        const FdCloser& dir;
+        const QByteArray& temporary;
+        const bool& renamed;
+        ~Remover() {
+            if (!renamed) ::unlinkat(dir.fd, temporary.constData(), 0);
+        }
+    } remover{dir, temporary, renamed};
+    if (exists) ::fchmod(out.fd, server.st_mode & 07777);
+
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    int readError = 0, writeError = 0;
+    const qint64 total = CopyHashing(local.fd, out.fd, hash, readError, writeError);
+    if (total < 0) {
+        if (writeError != 0) status = StatusOf(writeError);
+        SYNC_LOG_WARN("Copying %1 to the server broke off: %2", f.localPath,
+                      ErrorText(readError != 0 ? readError : writeError));
+        return false;
+    }
+    struct stat after;
+    if (::fstat(local.fd, &after) != 0 || total != qint64(before.st_size) ||
+        !SameStamp(before, after, false)) {
+        // The bytes read belong to no version of the file; the next cycle sees the new one.
+        status = kConflict;
+        return false;
+    }
+    // The server file carries the local time, as a copy keeps it.
+    if (!SetModified(out.fd, before.st_mtim) || ::fsync(out.fd) != 0) {
+        status = StatusOf(errno);
+        return false;
+    }
+    // Asked again at the last moment: someone may have written the file during the copy.
+    struct stat now;
+    const bool stillThere = serverNow(now);
+    if (status != 0) return false;
+    if (!seen(stillThere ? &now : nullptr)) {
+        status = kPreconditionFailed;
+        return false;
+    }
+    if (::renameat(dir.fd, temporary.constData(), dir.fd, name.constData()) != 0) {
+        status = StatusOf(errno);
+        return false;
+    }
+    renamed = true;
+    // The new name lasts only once the folder is on the disk too.
+    ::fsync(dir.fd);
+    struct stat stored;
+    if (::fstat(out.fd, &stored) != 0) {
+        status = StatusOf(errno);
+        return false;
+    }
+    return settle(stored, HexOf(hash));
+}
+
+Results LocalFolderServer::DownloadFiles(
+    const sync::config::ServerConfiguration&, const Folder& root,
+    QList<sync::thread::SynchronizedFileConfiguration>& files) {
+    Results r;
+    for (sync::thread::SynchronizedFileConfiguration& pair : files) {
+        File& record = pair.databaseRecord;
+        const QString target =
+            pair.serverRecord.localPath.isEmpty() ? record.localPath : pair.serverRecord.localPath;
+        int status = 0;
+        if (_Download(pair, target, root, status)) {
+            _StoreRecord(record);
+            CountDone(r, Results::FileLocalCreation, target);
+            continue;
+        }
+        SYNC_LOG_WARN("Download of %1 to %2 failed: status %3", pair.serverRecord.serverPath,
+                      target, QString::number(status));
+        pair.serverRecord.syncStatus = record.syncStatus = FileSynchronizationStatus::OutOfSync;
+        _StoreRecord(record);
+        CountFailure(r, Results::FileLocalCreation, target, status);
+    }
+    return r;
+}
+
+bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
+                                  const QString& target, const Folder& root, int& status) {
+    status = 0;
+    File& f = pair.serverRecord;
+    File& record = pair.databaseRecord;
+    QByteArray native;
+    try {
+        native = _NativePath(f.serverPath.isEmpty() ? record.serverPath : f.serverPath);
+    } catch (const HttpException& e) {
+        status = e.code;
+        return false;
+    }
+    const FdCloser source(
+        ::open(native.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+    struct stat announced;
+    if (source.fd < 0) {
+        // Links and entries below a file are not listed: for a client they are not there.
+        status = errno == ELOOP || errno == ENOTDIR ? kNotFound : StatusOf(errno);
+        return false;
+    }
+    if (::fstat(source.fd, &announced) != 0) {
+        status = StatusOf(errno);
+        return false;
+    }
+    if (!S_ISREG(announced.st_mode)) {
+        status = kNotFound;
+        return false;
+    }
+
+    const QString temporary = sync::core::QFileWrapper(target).GetTemporaryFile(root.localPath);
+    const QByteArray nativeTemporary = QFile::encodeName(temporary);
+    const QByteArray nativeTarget = QFile::encodeName(target);
+    if (!QDir().mkpath(QFileInfo(temporary).absolutePath())) {
+        SYNC_LOG_WARN("Cannot create the temporary folder for %1", target);
+        return false;
+    }
+    const FdCloser out(
+        ::open(nativeTemporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (out.fd < 0) {
+        SYNC_LOG_WARN("Cannot write %1: %2", temporary, ErrorText(errno));
+        return false;
+    }
+    bool renamed = false;
+    struct Remover {
+        const QByteArray& path;
+        const bool& renamed;
+        ~Remover() {
+            if (!renamed) ::unlink(path.constData());
+        }
+    } remover{nativeTemporary, renamed};
+
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    int readError = 0, writeError = 0;
+    const qint64 total = CopyHashing(source.fd, out.fd, hash, readError, writeError);
+    if (total < 0) {
+        if (readError != 0) status = StatusOf(readError);
+        SYNC_LOG_WARN("Copying %1 from the server broke off: %2", target,
+                      ErrorText(readError != 0 ? readError : writeError));
+        return false;
+    }
+    struct stat after;
+    if (::fstat(source.fd, &after) != 0 || total != qint64(announced.st_size) ||
+        !SameStamp(announced, after, true)) {
+        // Written on the server meanwhile: the bytes are no version of it.
+        status = kConflict;
+        return false;
+    }
+    if (!SetModified(out.fd, announced.st_mtim) || ::fsync(out.fd) != 0) {
+        SYNC_LOG_WARN("Cannot write %1: %2", temporary, ErrorText(errno));
+        return false;
+    }
+    const QString downloadedHash = HexOf(hash);
+
+    // The local file must still be the one planned: an edit made since then is the user's
+    // work and is not overwritten. A file that already holds this content loses nothing.
+    struct stat local;
+    if (::lstat(nativeTarget.constData(), &local) == 0) {
+        const bool asRecorded =
+            S_ISREG(local.st_mode) && record.lastModified.isValid() &&
+            qint64(local.st_size) == record.size &&
+            qint64(local.st_mtim.tv_sec) == record.lastModified.toSecsSinceEpoch();
+        const bool sameContent =
+            S_ISREG(local.st_mode) && qint64(local.st_size) == total &&
+            sync::core::CryptographicHash().GetFileHash(target) == downloadedHash;
+        if (!asRecorded && !sameContent) {
+            status = kConflict;
+            return false;
+        }
+    } else if (errno != ENOENT) {
+        SYNC_LOG_WARN("Cannot examine %1: %2", target, ErrorText(errno));
+        return false;
+    }
+    if (::rename(nativeTemporary.constData(), nativeTarget.constData()) != 0) {
+        SYNC_LOG_WARN("Cannot move the download into %1: %2", target, ErrorText(errno));
+        return false;
+    }
+    renamed = true;
+    {
+        const FdCloser folder(
+            ::open(QFile::encodeName(QFileInfo(target).absolutePath()).constData(),
+                   O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder.fd >= 0) ::fsync(folder.fd);
+    }
+    struct stat written;
+    if (::fstat(out.fd, &written) != 0) return false;
+
+    QByteArray parent, name;
+    SplitNative(native, parent, name);
+    int privileges = 0;
+    {
+        const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (dir.fd >= 0)
+            privileges =
+                PrivilegesOf(dir.fd, name.constData(), false, Allowed(dir.fd, ".", W_OK | X_OK));
+    }
+    SetServerFields(f, announced, privileges);
+    f.size = total;
+    f.lastModified = ModifiedOf(announced);
+    f.syncStatus = FileSynchronizationStatus::Synchronized;
+    // The record now describes the file on the disk and the server version it came from.
+    SetServerFields(record, announced, privileges);
+    record.size = total;
+    record.lastModified = WholeSecondsOf(written);
+    record.checksum = downloadedHash;
+    record.syncStatus = FileSynchronizationStatus::Synchronized;
+    record.referencesOnly = 0;
+    record.transferPending = false;
+    return true;
+}
+
+Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
+    Results r;
+    for (File& f : files) {
+        int status = 0;
+        try {
+            const QByteArray native = _NativePath(f.serverPath);
+            QByteArray parent, name;
+            SplitNative(native, parent, name);
+            const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            struct stat st;
+            if (native == _directory.toUtf8()) {
+                status = kConflict;
+            } else if (dir.fd < 0) {
+                // No folder, no file in it.
+                if (errno != ENOENT && errno != ENOTDIR) status = StatusOf(errno);
+            } else if (::fstatat(dir.fd, name.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (errno != ENOENT) status = StatusOf(errno);
+            } else if (S_ISDIR(st.st_mode)) {
+                status = kConflict;
+            } else if (::unlinkat(dir.fd, name.constData(), 0) != 0 && errno != ENOENT) {
+                status = StatusOf(errno);
+            }
+        } catch (const HttpException& e) {
+            status = e.code;
+        }
+        if (status != 0) {
+            SYNC_LOG_WARN("Cannot delete server file %1: status %2", f.serverPath,
+                          QString::number(status));
+            CountFailure(r, Results::FileServerDeletion, ShownPath(f), status);
+            continue;
+        }
+        if (_database && f.id > 0) _database->RemoveFile(f.id);
+        CountDone(r, Results::FileServerDeletion, ShownPath(f));
+    }
+    return r;
 }
 
 // --- Listings -------------------------------------------------------------------------------

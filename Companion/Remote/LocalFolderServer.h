@@ -3,6 +3,10 @@
 #include <QString>
 #include <memory>
 
+#include "IFileConfigManager.h"
+#include "IFileDeleteClient.h"
+#include "IFileDownloadClient.h"
+#include "IFileUploadClient.h"
 #include "IRemoteFileManagerFactory.h"
 #include "IRemoteFolderManagerFactory.h"
 #include "IUrlBuilder.h"
@@ -20,10 +24,18 @@ namespace remote {
 //
 // OS errors answer as a web server would: not found 404, no permission 403, disk full 507,
 // something else in the way 409, anything else 500.
+//
+// Transfers never leave a torn file on either side: each is written to a temporary file, synced
+// and renamed into place. An upload replaces only the server version the record names (412
+// otherwise), a download only the local file the record describes (409 otherwise), and a file
+// that changes while it is read is not stored (409). Failures of the local disk carry no status.
 class LocalFolderServer : public sync::interf::factory::IRemoteFolderManagerFactory,
                           public sync::interf::factory::IRemoteFileManagerFactory,
                           public sync::interf::IRemoteFolderManager,
                           public sync::interf::IRemoteFileManager,
+                          public sync::interf::IFileUploadClient,
+                          public sync::interf::IFileDownloadClient,
+                          public sync::interf::IFileDeleteClient,
                           public sync::interf::IUrlBuilder,
                           public std::enable_shared_from_this<LocalFolderServer> {
 public:
@@ -37,6 +49,12 @@ public:
     static QString DirectoryOf(const sync::config::ServerConfiguration& server);
 
     const QString& Directory() const { return _directory; }
+    // With a database, the transfer clients store the records of what they transferred: the
+    // outcome of every upload and download (new records added), and a deleted file's record
+    // removed.
+    void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) {
+        _database = std::move(files);
+    }
 
     // Throw HttpException(401) for an account other than the one served.
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
@@ -56,6 +74,18 @@ public:
                       std::shared_ptr<QVector<File>> files) override;
     int GetRootFiles(Folder& root, std::shared_ptr<QVector<File>> files) override;
 
+    // A record without serverFileId is uploaded only where no file is; one with it only over
+    // the version its versionId names. referencesOnly with the same content on the server
+    // writes nothing and settles the record.
+    Results UploadFiles(const sync::config::ServerConfiguration& server, const Folder& root,
+                        QList<File>& files) override;
+    // The local file is replaced only while it is as the database record describes it, or
+    // already holds the downloaded content.
+    Results DownloadFiles(const sync::config::ServerConfiguration& server, const Folder& root,
+                          QList<sync::thread::SynchronizedFileConfiguration>& files) override;
+    // A file already gone counts as deleted.
+    Results DeleteFiles(const Folder& root, QList<File>& files) override;
+
     // A file:// URL of the entry.
     QString BuildUrl(const sync::config::ServerConfiguration& server,
                      const QString& serverPath) override;
@@ -69,9 +99,16 @@ private:
     // which would leave the directory.
     QByteArray _NativePath(const QString& serverPath) const;
     int _List(Folder& root, bool directOnly, QVector<Folder>* folders, QVector<File>* files);
+    // True when the file was transferred and its record settled; else status tells why (0 for
+    // a failure of the local disk).
+    bool _Upload(File& file, int& status);
+    bool _Download(sync::thread::SynchronizedFileConfiguration& pair, const QString& target,
+                   const Folder& root, int& status);
+    void _StoreRecord(File& record);
 
     QString _directory;
     int _authenticationId;
+    std::shared_ptr<sync::interf::IFileConfigManager> _database;
 };
 
 }  // namespace remote
