@@ -685,6 +685,12 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
     return true;
 }
 
+bool LocalFolderServer::_IsPlannedVersion(const File& f, const struct stat& st) {
+    const QString versionId = f.properties.value(QStringLiteral("versionId"));
+    return (f.serverFileId.isEmpty() || IdOf(st) == f.serverFileId) &&
+           (versionId.isEmpty() || versionId == VersionIdOf(st));
+}
+
 Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
     Results r;
     for (File& f : files) {
@@ -704,6 +710,10 @@ Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
                 if (errno != ENOENT) status = StatusOf(errno);
             } else if (S_ISDIR(st.st_mode)) {
                 status = kConflict;
+            } else if (!_IsPlannedVersion(f, st)) {
+                // Changed on the server since it was planned: deleting it would lose that
+                // change; the next cycle brings it down instead.
+                status = kPreconditionFailed;
             } else if (::unlinkat(dir.fd, name.constData(), 0) != 0 && errno != ENOENT) {
                 status = StatusOf(errno);
             }

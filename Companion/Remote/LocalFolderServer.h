@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <QString>
 #include <memory>
 
@@ -94,6 +96,10 @@ public:
     static int StatusOf(int error);
 
 private:
+    // True while the server file is still the one the record was planned against (same id, same
+    // version id, where the record names them).
+    static bool _IsPlannedVersion(const sync::config::FileConfiguration& file,
+                                  const struct stat& st);
     void _CheckAccount(int authenticationId) const;
     // The native path of a server path; throws HttpException(400) for "." and ".." parts,
     // which would leave the directory.
