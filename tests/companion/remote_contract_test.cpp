@@ -32,7 +32,6 @@ const std::string kHiddenEntries = "hidden entries are listed only when the root
 const std::string kFolderBelowFile = "no folder is created below a file";
 const std::string kUnseenVersions = "an upload replaces only a server version the engine has seen";
 const std::string kLocalEdits = "a download does not replace a local file edited since planning";
-const std::string kChangedDeletions = "a deletion leaves a server file changed since planning";
 
 // Seeds one backend's entries by server path and hands out its managers.
 class Backend {
@@ -81,7 +80,7 @@ public:
     bool MakeUnreadable(const QString&) override { return false; }
     bool Departs(const std::string& rule) const override {
         return rule == kHiddenEntries || rule == kFolderBelowFile || rule == kUnseenVersions ||
-               rule == kLocalEdits || rule == kChangedDeletions;
+               rule == kLocalEdits;
     }
 
 private:
@@ -593,8 +592,6 @@ TEST_P(RemoteContract, DeleteRemovesFileAndRecordAndAMissingFileCountsAsDone) {
 // Deleting a server file that changed after it was planned would lose that change: the deletion
 // is refused (412) and the record kept, so that the next cycle brings the change down.
 TEST_P(RemoteContract, ADeletionLeavesAServerFileChangedSincePlanning) {
-    if (backend->Departs(kChangedDeletions))
-        GTEST_SKIP() << "known departure: " << kChangedDeletions;
     UseDisk();
     backend->PutFile(QStringLiteral("/Docs/edited.txt"), "before");
     FileConfiguration record = Record(QStringLiteral("/Docs/edited.txt"), true);

@@ -29,6 +29,7 @@ constexpr int kForbidden = 403;
 constexpr int kNotFound = 404;
 constexpr int kNotModified = 304;
 constexpr int kConflict = 409;
+constexpr int kPreconditionFailed = 412;
 // The server's clock starts here and ticks one second per write, so that listings are the same
 // on every run.
 constexpr qint64 kEpochSeconds = 1700000000;
@@ -367,6 +368,12 @@ Results FakeServer::DeleteFiles(const Folder&, QList<File>& files) {
         const Entry* entry = Find(path);
         if (status == 0 && entry && entry->isFolder) status = kConflict;
         if (status == 0 && entry && !(entry->privileges & PrivilegeDelete)) status = kForbidden;
+        // A file changed since it was planned is not deleted: its change comes down next cycle.
+        const QString versionId = f.properties.value(QStringLiteral("versionId"));
+        if (status == 0 && entry &&
+            ((!f.serverFileId.isEmpty() && f.serverFileId != entry->id) ||
+             (!versionId.isEmpty() && versionId != entry->versionId)))
+            status = kPreconditionFailed;
         if (status != 0) {
             CountFailure(r, Results::FileServerDeletion, ShownPath(f), status);
             continue;
