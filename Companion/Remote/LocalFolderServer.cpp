@@ -22,6 +22,7 @@
 #include "HttpException.h"
 #include "QFileWrapper.h"
 #include "ServerPaths.h"
+#include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
 
@@ -39,12 +40,6 @@ using Results = LocalFolderServer::Results;
 
 namespace {
 
-constexpr int kBadRequest = 400;
-constexpr int kUnauthorized = 401;
-constexpr int kForbidden = 403;
-constexpr int kNotFound = 404;
-constexpr int kConflict = 409;
-constexpr int kPreconditionFailed = 412;
 constexpr std::size_t kCopyBlockSize = std::size_t(1) << 20;
 // Room left in a name for the dot, the random part and the extension of a temporary file.
 constexpr int kTemporaryNameBytes = 200;
@@ -195,10 +190,10 @@ QString LocalFolderServer::DirectoryOf(const sync::config::ServerConfiguration& 
 int LocalFolderServer::StatusOf(int error) {
     switch (error) {
         case ENOENT:
-            return kNotFound;
+            return sync::http::NotFound;
         case EACCES:
         case EPERM:
-            return kForbidden;
+            return sync::http::Forbidden;
         case ENOSPC:
         case EDQUOT:
             return 507;
@@ -206,7 +201,7 @@ int LocalFolderServer::StatusOf(int error) {
         case ENOTDIR:
         case ENOTEMPTY:
         case EISDIR:
-            return kConflict;
+            return sync::http::Conflict;
         default:
             return 500;
     }
@@ -214,7 +209,7 @@ int LocalFolderServer::StatusOf(int error) {
 
 void LocalFolderServer::_CheckAccount(int authenticationId) const {
     if (_authenticationId >= 0 && authenticationId != _authenticationId)
-        throw HttpException(kUnauthorized,
+        throw HttpException(sync::http::Unauthorized,
                             QStringLiteral("Unknown account %1").arg(authenticationId));
 }
 
@@ -234,7 +229,7 @@ QByteArray LocalFolderServer::_NativePath(const QString& serverPath) const {
     const QStringList parts = serverPath.split(QLatin1Char('/'), Qt::SkipEmptyParts);
     for (const QString& part : parts)
         if (part == QLatin1String(".") || part == QLatin1String(".."))
-            throw HttpException(kBadRequest,
+            throw HttpException(sync::http::BadRequest,
                                 QStringLiteral("Server path %1 leaves the folder").arg(serverPath));
     QString path = _directory;
     for (const QString& part : parts) {
@@ -255,18 +250,6 @@ QString LocalFolderServer::BuildUrl(const sync::config::ServerConfiguration& ser
 // --- Transfers ------------------------------------------------------------------------------
 
 namespace {
-
-void CountFailure(Results& r, Results::Category category, const QString& path, int status) {
-    ++r.errors(category);
-    r.errorPaths(category).append(path);
-    // A failure of the local disk has no status to report.
-    if (status != 0) r.errorCodes[status] += 1;
-}
-
-void CountDone(Results& r, Results::Category category, const QString& path) {
-    ++r.done(category);
-    r.donePaths(category).append(path);
-}
 
 QString ErrorText(int error) {
     return QString::fromLocal8Bit(std::strerror(error));
@@ -379,14 +362,14 @@ Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&,
         int status = 0;
         if (_Upload(f, status)) {
             _StoreRecord(f);
-            CountDone(r, Results::FileServerCreation, ShownPath(f));
+            r.CountDone(Results::FileServerCreation, ShownPath(f));
             continue;
         }
         SYNC_LOG_WARN("Upload of %1 to %2 failed: status %3", f.localPath, f.serverPath,
                       QString::number(status));
         f.syncStatus = FileSynchronizationStatus::OutOfSync;
         _StoreRecord(f);
-        CountFailure(r, Results::FileServerCreation, ShownPath(f), status);
+        r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
     }
     return r;
 }
@@ -401,7 +384,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
         return false;
     }
     if (native == _directory.toUtf8()) {
-        status = kConflict;
+        status = sync::http::Conflict;
         return false;
     }
     QByteArray parent, name;
@@ -409,7 +392,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.fd < 0) {
         // A missing parent is a conflict with the tree, as PUT answers it.
-        status = errno == ENOENT || errno == ENOTDIR ? kConflict : StatusOf(errno);
+        status = errno == ENOENT || errno == ENOTDIR ? sync::http::Conflict : StatusOf(errno);
         return false;
     }
     // Whether the server file is there now (filling st); status set when that is unknown.
@@ -430,7 +413,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     const bool exists = serverNow(server);
     if (status != 0) return false;
     if (exists && !S_ISREG(server.st_mode)) {
-        status = kConflict;
+        status = sync::http::Conflict;
         return false;
     }
 
@@ -467,7 +450,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
         }
     }
     if (!seen(exists ? &server : nullptr)) {
-        status = kPreconditionFailed;
+        status = sync::http::PreconditionFailed;
         return false;
     }
 
@@ -501,7 +484,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     if (::fstat(local.fd, &after) != 0 || total != qint64(before.st_size) ||
         !SameStamp(before, after, false)) {
         // The bytes read belong to no version of the file; the next cycle sees the new one.
-        status = kConflict;
+        status = sync::http::Conflict;
         return false;
     }
     // The server file carries the local time, as a copy keeps it.
@@ -514,7 +497,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     const bool stillThere = serverNow(now);
     if (status != 0) return false;
     if (!seen(stillThere ? &now : nullptr)) {
-        status = kPreconditionFailed;
+        status = sync::http::PreconditionFailed;
         return false;
     }
     if (::renameat(dir.fd, temporary.constData(), dir.fd, name.constData()) != 0) {
@@ -543,14 +526,14 @@ Results LocalFolderServer::DownloadFiles(
         int status = 0;
         if (_Download(pair, target, root, status)) {
             _StoreRecord(record);
-            CountDone(r, Results::FileLocalCreation, target);
+            r.CountDone(Results::FileLocalCreation, target);
             continue;
         }
         SYNC_LOG_WARN("Download of %1 to %2 failed: status %3", pair.serverRecord.serverPath,
                       target, QString::number(status));
         pair.serverRecord.syncStatus = record.syncStatus = FileSynchronizationStatus::OutOfSync;
         _StoreRecord(record);
-        CountFailure(r, Results::FileLocalCreation, target, status);
+        r.CountFailure(Results::FileLocalCreation, target, status);
     }
     return r;
 }
@@ -572,7 +555,7 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
     struct stat announced;
     if (source.fd < 0) {
         // Links and entries below a file are not listed: for a client they are not there.
-        status = errno == ELOOP || errno == ENOTDIR ? kNotFound : StatusOf(errno);
+        status = errno == ELOOP || errno == ENOTDIR ? sync::http::NotFound : StatusOf(errno);
         return false;
     }
     if (::fstat(source.fd, &announced) != 0) {
@@ -580,7 +563,7 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
         return false;
     }
     if (!S_ISREG(announced.st_mode)) {
-        status = kNotFound;
+        status = sync::http::NotFound;
         return false;
     }
 
@@ -619,7 +602,7 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
     if (::fstat(source.fd, &after) != 0 || total != qint64(announced.st_size) ||
         !SameStamp(announced, after, true)) {
         // Written on the server meanwhile: the bytes are no version of it.
-        status = kConflict;
+        status = sync::http::Conflict;
         return false;
     }
     if (!SetModified(out.fd, announced.st_mtim) || ::fsync(out.fd) != 0) {
@@ -640,7 +623,7 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
             S_ISREG(local.st_mode) && qint64(local.st_size) == total &&
             sync::core::CryptographicHash().GetFileHash(target) == downloadedHash;
         if (!asRecorded && !sameContent) {
-            status = kConflict;
+            status = sync::http::Conflict;
             return false;
         }
     } else if (errno != ENOENT) {
@@ -702,18 +685,18 @@ Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
             const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
             struct stat st;
             if (native == _directory.toUtf8()) {
-                status = kConflict;
+                status = sync::http::Conflict;
             } else if (dir.fd < 0) {
                 // No folder, no file in it.
                 if (errno != ENOENT && errno != ENOTDIR) status = StatusOf(errno);
             } else if (::fstatat(dir.fd, name.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 if (errno != ENOENT) status = StatusOf(errno);
             } else if (S_ISDIR(st.st_mode)) {
-                status = kConflict;
+                status = sync::http::Conflict;
             } else if (!_IsPlannedVersion(f, st)) {
                 // Changed on the server since it was planned: deleting it would lose that
                 // change; the next cycle brings it down instead.
-                status = kPreconditionFailed;
+                status = sync::http::PreconditionFailed;
             } else if (::unlinkat(dir.fd, name.constData(), 0) != 0 && errno != ENOENT) {
                 status = StatusOf(errno);
             }
@@ -723,11 +706,11 @@ Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
         if (status != 0) {
             SYNC_LOG_WARN("Cannot delete server file %1: status %2", f.serverPath,
                           QString::number(status));
-            CountFailure(r, Results::FileServerDeletion, ShownPath(f), status);
+            r.CountFailure(Results::FileServerDeletion, ShownPath(f), status);
             continue;
         }
         if (_database && f.id > 0) _database->RemoveFile(f.id);
-        CountDone(r, Results::FileServerDeletion, ShownPath(f));
+        r.CountDone(Results::FileServerDeletion, ShownPath(f));
     }
     return r;
 }
@@ -773,19 +756,19 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
                                   O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW)));
         if (!dir) {
             const int error = errno;
-            if (isRoot && (error == ENOENT || error == ENOTDIR)) return kNotFound;
+            if (isRoot && (error == ENOENT || error == ENOTDIR)) return sync::http::NotFound;
             // A folder that vanished after it was listed: its content is unknown, and a tree
             // without it would read as deletions.
             const bool vanished = error == ENOENT || error == ENOTDIR || error == ELOOP;
             SYNC_LOG_WARN("Cannot list server folder %1: %2", shown,
                           QString::fromLocal8Bit(std::strerror(error)));
-            return vanished ? kConflict : StatusOf(error);
+            return vanished ? sync::http::Conflict : StatusOf(error);
         }
         DirCloser closer(dir);
         const int dirFd = ::dirfd(dir);
         if (!Allowed(dirFd, ".", X_OK)) {
             SYNC_LOG_WARN("Cannot examine the entries of server folder %1", shown);
-            return kForbidden;
+            return sync::http::Forbidden;
         }
         const bool writable = Allowed(dirFd, ".", W_OK | X_OK);
         for (;;) {
@@ -796,7 +779,7 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
                 const int error = errno;
                 SYNC_LOG_WARN("Listing server folder %1 broke off: %2", shown,
                               QString::fromLocal8Bit(std::strerror(error)));
-                return error == ENOENT ? kConflict : StatusOf(error);
+                return error == ENOENT ? sync::http::Conflict : StatusOf(error);
             }
             const char* name = entry->d_name;
             if (IsDotOrDotDot(name) || tempName == name || backupName == name) continue;
@@ -866,9 +849,7 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
 Results LocalFolderServer::CreateFolder(Folder& folder, const QString&, bool createParents) {
     Results r;
     const auto fail = [&](int status) {
-        ++r.FolderServerCreationErrors;
-        r.FolderServerCreationErrorPaths.append(ShownPath(folder));
-        r.errorCodes[status] += 1;
+        r.CountFailure(Results::FolderServerCreation, ShownPath(folder), status);
         SYNC_LOG_WARN("Cannot create server folder %1: status %2", folder.serverPath,
                       QString::number(status));
         return r;
@@ -890,19 +871,18 @@ Results LocalFolderServer::CreateFolder(Folder& folder, const QString&, bool cre
         if (::mkdir(path.constData(), 0777) == 0 || errno == EEXIST) {
             struct stat st;
             if (::stat(path.constData(), &st) != 0) return fail(StatusOf(errno));
-            if (!S_ISDIR(st.st_mode)) return fail(kConflict);
+            if (!S_ISDIR(st.st_mode)) return fail(sync::http::Conflict);
             continue;
         }
         // A missing parent is a conflict with the tree, as MKCOL answers it.
-        return fail(errno == ENOENT ? kConflict : StatusOf(errno));
+        return fail(errno == ENOENT ? sync::http::Conflict : StatusOf(errno));
     }
     Folder info;
-    if (!GetFolderInfo(folder, info)) return fail(kConflict);
+    if (!GetFolderInfo(folder, info)) return fail(sync::http::Conflict);
     folder.setServerFolderId(info.getServerFolderId());
     folder.privileges = info.privileges;
     folder.privilegeInfo = info.privilegeInfo;
-    ++r.FolderServerCreations;
-    r.FolderServerCreationPaths.append(ShownPath(folder));
+    r.CountDone(Results::FolderServerCreation, ShownPath(folder));
     return r;
 }
 
@@ -910,7 +890,8 @@ Results LocalFolderServer::DeleteFolder(Folder& folder) {
     const QByteArray native = _NativePath(folder.serverPath);
     const QByteArray top = _directory.toUtf8();
     if (native == top)
-        throw HttpException(kForbidden, QStringLiteral("The server's top folder is not deleted"));
+        throw HttpException(sync::http::Forbidden,
+                            QStringLiteral("The server's top folder is not deleted"));
     const int slash = native.lastIndexOf('/');
     const QByteArray parent = slash == 0 ? QByteArray("/") : native.left(slash);
     const QByteArray name = native.mid(slash + 1);
@@ -932,8 +913,7 @@ Results LocalFolderServer::DeleteFolder(Folder& folder) {
             QStringLiteral("Failed to delete server folder %1: %2")
                 .arg(folder.serverPath, QString::fromLocal8Bit(std::strerror(error))));
     Results r;
-    ++r.FolderServerDeletions;
-    r.FolderServerDeletionPaths.append(ShownPath(folder));
+    r.CountDone(Results::FolderServerDeletion, ShownPath(folder));
     return r;
 }
 

@@ -48,6 +48,7 @@ namespace http {
 enum Status {
     Success = 0,
     NotModified = 304,
+    BadRequest = 400,
     Unauthorized = 401,
     Forbidden = 403,
     NotFound = 404,

@@ -155,5 +155,16 @@ QString SyncResults::ErrorLabel(Category c) {
     return QString::fromLatin1(kCategories[c].errorLabel);
 }
 
+void SyncResults::CountDone(Category c, const QString& path) {
+    ++done(c);
+    donePaths(c).append(path);
+}
+
+void SyncResults::CountFailure(Category c, const QString& path, int status) {
+    ++errors(c);
+    errorPaths(c).append(path);
+    if (status != 0) errorCodes[status] += 1;
+}
+
 }  // namespace core
 }  // namespace sync

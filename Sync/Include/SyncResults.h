@@ -56,6 +56,10 @@ public:
     const QStringList& errorPaths(Category c) const;
     // The label of a category's error counter, as the cycle's error report prints it.
     static QString ErrorLabel(Category c);
+    // One entry of a category done, or failed with its path and status (0: no status, as for a
+    // failure of the local disk).
+    void CountDone(Category c, const QString& path);
+    void CountFailure(Category c, const QString& path, int status = 0);
 
     ResultType type = Combined;
 

@@ -27,11 +27,6 @@ constexpr int BATCH_SIZE = 200;
 const QString VERSION = QStringLiteral("version");
 const QString VERSION_ID = QStringLiteral("versionId");
 
-void CountFailure(SyncResults& results, const QString& path) {
-    ++results.FileServerCreationErrors;
-    results.FileServerCreationErrorPaths.append(path);
-}
-
 QSet<QString> FailedPaths(const SyncResults& results) {
     QSet<QString> paths;
     for (const QString& path : results.FileServerCreationErrorPaths) paths.insert(path.toLower());
@@ -68,7 +63,7 @@ SyncResults ServerFileCreationWorker::InnerWork(
         SYNC_LOG_ERROR("%1", e.what());
         SyncResults results;
         for (const std::shared_ptr<sync::interf::ISyncTask>& task : *tasks) {
-            CountFailure(results, task->GetFileConfig().localPath);
+            results.CountFailure(SyncResults::FileServerCreation, task->GetFileConfig().localPath);
             emit Done(task->GetFileConfig().localPath, FileSynchronizationStatus::OutOfSync);
         }
         return results;
@@ -121,7 +116,7 @@ SyncResults ServerFileCreationWorker::_UploadFile(
             for (int i = start; i < end; ++i) {
                 FileConfiguration& file = *files->at(i);
                 file.id = ids.at(i - start);
-                CountFailure(results, file.localPath);
+                results.CountFailure(SyncResults::FileServerCreation, file.localPath);
                 emit Done(file.localPath, FileSynchronizationStatus::OutOfSync);
             }
             continue;
@@ -132,7 +127,8 @@ SyncResults ServerFileCreationWorker::_UploadFile(
     QList<FileConfiguration> heldBack;
     QList<FileConfiguration> unreadable;
     if (!_checkForExit->ShouldExit()) heldBack = _HoldBackGeneratedFiles(upload, unreadable);
-    for (const FileConfiguration& file : unreadable) CountFailure(results, file.localPath);
+    for (const FileConfiguration& file : unreadable)
+        results.CountFailure(SyncResults::FileServerCreation, file.localPath);
     if (!_checkForExit->ShouldExit()) _Upload(rootFolder, upload, results);
     if (!_checkForExit->ShouldExit() && !heldBack.isEmpty()) {
         // Generated files go up after their sources, and not at all when a source failed:
@@ -198,8 +194,8 @@ void ServerFileCreationWorker::_Upload(const FolderConfiguration& rootFolder,
         // The files stay Synchronizing and end out of sync; the status reaches the cycle's
         // report (401, 429 and 507 change what it does next).
         SYNC_LOG_ERROR("%1", e.what());
-        for (const FileConfiguration& file : files) CountFailure(results, file.localPath);
-        results.errorCodes[e.code] += files.size();
+        for (const FileConfiguration& file : files)
+            results.CountFailure(SyncResults::FileServerCreation, file.localPath, e.code);
     }
 }
 
@@ -270,7 +266,7 @@ void ServerFileCreationWorker::_UpdateStatus(const FolderConfiguration& rootFold
             const QSet<QString> failedPaths = FailedPaths(results);
             for (int i = start; i < end; ++i) {
                 if (!failedPaths.contains(files[i].localPath.toLower()))
-                    CountFailure(results, files[i].localPath);
+                    results.CountFailure(SyncResults::FileServerCreation, files[i].localPath);
                 files[i].syncStatus = FileSynchronizationStatus::OutOfSync;
             }
         }

@@ -20,11 +20,6 @@ namespace {
 // Records removed per transaction.
 constexpr int BATCH_SIZE = 200;
 
-void CountFailure(SyncResults& results, const QString& path) {
-    ++results.FileServerDeletionErrors;
-    results.FileServerDeletionErrorPaths.append(path);
-}
-
 }  // namespace
 
 ServerFileDeletionWorker::ServerFileDeletionWorker(
@@ -58,8 +53,8 @@ SyncResults ServerFileDeletionWorker::_DeleteRemoteFiles(
     } catch (const sync::http::HttpException& e) {
         // No file could be tried: all of them failed with the request's status.
         SYNC_LOG_ERROR("%1", e.what());
-        for (const FileConfiguration& file : files) CountFailure(results, file.localPath);
-        results.errorCodes[e.code] += files.size();
+        for (const FileConfiguration& file : files)
+            results.CountFailure(SyncResults::FileServerDeletion, file.localPath, e.code);
     }
     _UpdateStatus(rootFolder, files, results);
     return results;
@@ -93,7 +88,7 @@ void ServerFileDeletionWorker::_UpdateStatus(const sync::config::FolderConfigura
         } catch (const std::exception& e) {
             SYNC_LOG_ERROR("%1", e.what());
             for (int i : deleted) {
-                CountFailure(results, files[i].localPath);
+                results.CountFailure(SyncResults::FileServerDeletion, files[i].localPath);
                 failed.insert(files[i].localPath.toLower());
             }
         }

@@ -9,6 +9,7 @@
 #include "HttpException.h"
 #include "QFileWrapper.h"
 #include "ServerPaths.h"
+#include "SyncCodes.h"
 
 namespace sync {
 namespace test {
@@ -24,12 +25,6 @@ using Results = FakeServer::Results;
 
 namespace {
 
-constexpr int kUnauthorized = 401;
-constexpr int kForbidden = 403;
-constexpr int kNotFound = 404;
-constexpr int kNotModified = 304;
-constexpr int kConflict = 409;
-constexpr int kPreconditionFailed = 412;
 // The server's clock starts here and ticks one second per write, so that listings are the same
 // on every run.
 constexpr qint64 kEpochSeconds = 1700000000;
@@ -53,18 +48,6 @@ QString ShownPath(const Record& r) {
 
 QString PrivilegeInfo(int privileges) {
     return QStringLiteral("privileges %1").arg(privileges);
-}
-
-void CountFailure(Results& r, Results::Category category, const QString& path, int status) {
-    ++r.errors(category);
-    r.errorPaths(category).append(path);
-    // A failure of the local disk has no status to report.
-    if (status != 0) r.errorCodes[status] += 1;
-}
-
-void CountDone(Results& r, Results::Category category, const QString& path) {
-    ++r.done(category);
-    r.donePaths(category).append(path);
 }
 
 bool WriteFile(const QString& path, const QByteArray& content, const QDateTime& modified) {
@@ -95,7 +78,7 @@ std::shared_ptr<sync::interf::IRemoteFileManager> FakeServer::CreateRemoteFileMa
 void FakeServer::_CheckAccount(const QString& operation, int authenticationId) {
     int status = _faults.Check(operation);
     if (status == 0 && !accounts.isEmpty() && !accounts.contains(authenticationId))
-        status = kUnauthorized;
+        status = sync::http::Unauthorized;
     if (status != 0)
         throw HttpException(status, QStringLiteral("Unknown account %1").arg(authenticationId));
 }
@@ -116,21 +99,21 @@ Results FakeServer::CreateFolder(Folder& folder, const QString&, bool createPare
         while (!ancestor.isEmpty() && !Find(ancestor)) ancestor = _Parent(ancestor);
         const Entry* above = Find(ancestor);
         if (existing && !existing->isFolder)
-            status = kConflict;
+            status = sync::http::Conflict;
         else if (!existing && ancestor != _Parent(path) && !createParents)
-            status = kConflict;
+            status = sync::http::Conflict;
         else if (!existing && above && !(above->privileges & PrivilegeUpload))
-            status = kForbidden;
+            status = sync::http::Forbidden;
     }
     if (status != 0) {
-        CountFailure(r, Results::FolderServerCreation, ShownPath(folder), status);
+        r.CountFailure(Results::FolderServerCreation, ShownPath(folder), status);
         return r;
     }
     const Entry& entry = _Put(path, true, sync::config::PrivilegeAll);
     folder.setServerFolderId(entry.id);
     folder.privileges = entry.privileges;
     folder.privilegeInfo = PrivilegeInfo(entry.privileges);
-    CountDone(r, Results::FolderServerCreation, ShownPath(folder));
+    r.CountDone(Results::FolderServerCreation, ShownPath(folder));
     return r;
 }
 
@@ -138,23 +121,23 @@ Results FakeServer::DeleteFolder(Folder& folder) {
     Results r;
     const QString path = Normalized(folder.serverPath);
     const int status = _Fault(QStringLiteral("DeleteFolder"), path);
-    if (status != 0 && status != kNotFound)
+    if (status != 0 && status != sync::http::NotFound)
         throw HttpException(status, QStringLiteral("Failed to delete server folder %1").arg(path));
     const Entry* entry = status == 0 ? Find(path) : nullptr;
     if (entry && entry->isFolder) {
         if (!(entry->privileges & PrivilegeDelete))
-            throw HttpException(kForbidden,
+            throw HttpException(sync::http::Forbidden,
                                 QStringLiteral("No right to delete server folder %1").arg(path));
         Remove(path);
     }
-    CountDone(r, Results::FolderServerDeletion, ShownPath(folder));
+    r.CountDone(Results::FolderServerDeletion, ShownPath(folder));
     return r;
 }
 
 bool FakeServer::GetFolderInfo(const Folder& folder, Folder& info) {
     const QString path = Normalized(folder.serverPath);
     const int status = _Fault(QStringLiteral("GetFolderInfo"), path);
-    if (status == kNotFound) return false;
+    if (status == sync::http::NotFound) return false;
     if (status != 0)
         throw HttpException(status, QStringLiteral("Failed to read server folder %1").arg(path));
     if (path.isEmpty()) return true;
@@ -181,7 +164,7 @@ int FakeServer::_List(const QString& operation, Folder& root, bool directOnly,
     if (const int status = _Fault(operation, rootPath)) return status;
     if (!rootPath.isEmpty()) {
         const Entry* entry = Find(rootPath);
-        if (!entry || !entry->isFolder) return kNotFound;
+        if (!entry || !entry->isFolder) return sync::http::NotFound;
     }
     const QList<const Entry*> below = _Below(rootPath, directOnly);
 
@@ -195,7 +178,7 @@ int FakeServer::_List(const QString& operation, Folder& root, bool directOnly,
     const bool unchanged =
         _previousListing.contains(key) && _previousListing.value(key) == fingerprint;
     _previousListing.insert(key, fingerprint);
-    if (answersNotModified && unchanged) return kNotModified;
+    if (answersNotModified && unchanged) return sync::http::NotModified;
 
     for (const Entry* e : below) {
         if (e->isFolder) {
@@ -253,10 +236,10 @@ Results FakeServer::UploadFiles(const sync::config::ServerConfiguration&, const 
         const Entry* parent = Find(_Parent(path));
         if (status == 0) {
             if ((existing && existing->isFolder) || (!parent && !_Parent(path).isEmpty()))
-                status = kConflict;
+                status = sync::http::Conflict;
             else if ((existing && !(existing->privileges & PrivilegeUpload)) ||
                      (parent && !(parent->privileges & PrivilegeUpload)))
-                status = kForbidden;
+                status = sync::http::Forbidden;
         }
         QFile local(f.localPath);
         bool read = false;
@@ -268,7 +251,7 @@ Results FakeServer::UploadFiles(const sync::config::ServerConfiguration&, const 
         if (status != 0 || !read) {
             f.syncStatus = FileSynchronizationStatus::OutOfSync;
             _StoreRecord(f);
-            CountFailure(r, Results::FileServerCreation, ShownPath(f), status);
+            r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
             continue;
         }
         // Only the references of a file whose content is already there are settled.
@@ -290,7 +273,7 @@ Results FakeServer::UploadFiles(const sync::config::ServerConfiguration&, const 
         f.referencesOnly = 0;
         f.transferPending = false;
         _StoreRecord(f);
-        CountDone(r, Results::FileServerCreation, ShownPath(f));
+        r.CountDone(Results::FileServerCreation, ShownPath(f));
     }
     return r;
 }
@@ -307,8 +290,8 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
         const int byFile = _Fault(QStringLiteral("Download"), path);
         int status = wholeCall != 0 ? wholeCall : byFile;
         const Entry* entry = Find(path);
-        if (status == 0 && (!entry || entry->isFolder)) status = kNotFound;
-        if (status == 0 && !(entry->privileges & PrivilegeDownload)) status = kForbidden;
+        if (status == 0 && (!entry || entry->isFolder)) status = sync::http::NotFound;
+        if (status == 0 && !(entry->privileges & PrivilegeDownload)) status = sync::http::Forbidden;
 
         const QString temporary = sync::core::QFileWrapper(target).GetTemporaryFile(root.localPath);
         auto writeTemporary = [&](const QByteArray& content, const QDateTime& modified) {
@@ -329,7 +312,7 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
         f.syncStatus = pair.databaseRecord.syncStatus = outcome;
         if (!stored) {
             _StoreRecord(pair.databaseRecord);
-            CountFailure(r, Results::FileLocalCreation, target, status);
+            r.CountFailure(Results::FileLocalCreation, target, status);
             continue;
         }
         f.size = entry->content.size();
@@ -353,7 +336,7 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
         record.referencesOnly = 0;
         record.transferPending = false;
         _StoreRecord(record);
-        CountDone(r, Results::FileLocalCreation, target);
+        r.CountDone(Results::FileLocalCreation, target);
     }
     return r;
 }
@@ -366,22 +349,23 @@ Results FakeServer::DeleteFiles(const Folder&, QList<File>& files) {
         const int byFile = _Fault(QStringLiteral("DeleteFile"), path);
         int status = wholeCall != 0 ? wholeCall : byFile;
         const Entry* entry = Find(path);
-        if (status == 0 && entry && entry->isFolder) status = kConflict;
-        if (status == 0 && entry && !(entry->privileges & PrivilegeDelete)) status = kForbidden;
+        if (status == 0 && entry && entry->isFolder) status = sync::http::Conflict;
+        if (status == 0 && entry && !(entry->privileges & PrivilegeDelete))
+            status = sync::http::Forbidden;
         // A file changed since it was planned is not deleted: its change comes down next cycle.
         const QString versionId = f.properties.value(QStringLiteral("versionId"));
         if (status == 0 && entry &&
             ((!f.serverFileId.isEmpty() && f.serverFileId != entry->id) ||
              (!versionId.isEmpty() && versionId != entry->versionId)))
-            status = kPreconditionFailed;
+            status = sync::http::PreconditionFailed;
         if (status != 0) {
-            CountFailure(r, Results::FileServerDeletion, ShownPath(f), status);
+            r.CountFailure(Results::FileServerDeletion, ShownPath(f), status);
             continue;
         }
         // A file already gone counts as deleted.
         if (entry) _entries.remove(path);
         if (_database && f.id > 0) _database->RemoveFile(f.id);
-        CountDone(r, Results::FileServerDeletion, ShownPath(f));
+        r.CountDone(Results::FileServerDeletion, ShownPath(f));
     }
     return r;
 }
