@@ -116,14 +116,6 @@ SyncStatusMonitor::SyncStatusMonitor(
     : _folderConfigManager(std::move(folderConfigManager)),
       _fileConfigManager(std::move(fileConfigManager)) {}
 
-void SyncStatusMonitor::HandleSubFolderFilteredOut(const QString& path) {
-    _filteredFolderPaths.append(path);
-}
-
-void SyncStatusMonitor::HandleFileFilteredOut(const QString& path) {
-    _filteredFilePaths.append(path);
-}
-
 void SyncStatusMonitor::Start(const FolderConfiguration& rootFolder,
                               sync::interf::ISyncTaskDepot& depot) {
     _ClearTasks();
@@ -136,9 +128,6 @@ void SyncStatusMonitor::Start(const FolderConfiguration& rootFolder,
     _serverFolderDeletionTasks = depot.GetSyncTaskList(ServerFolderDeletion);
     _localFolderCreationTasks = depot.GetSyncTaskList(LocalFolderCreation);
     _localFolderDeletionTasks = depot.GetSyncTaskList(LocalFolderDeletion);
-    // Filtered-out entries have no task and take no part in any status.
-    _filteredFolderPaths.clear();
-    _filteredFilePaths.clear();
 
     bool anyTask = false;
     for (const TaskList* tasks : _TaskLists())
@@ -156,8 +145,6 @@ void SyncStatusMonitor::Start(const FolderConfiguration& rootFolder,
 }
 
 void SyncStatusMonitor::End() {
-    _filteredFolderPaths.clear();
-    _filteredFilePaths.clear();
     _ClearTasks();
 }
 

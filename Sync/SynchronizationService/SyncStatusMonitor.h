@@ -89,9 +89,10 @@ public:
                       std::shared_ptr<sync::interf::IFileConfigManager> fileConfigManager);
     ~SyncStatusMonitor() override = default;
 
-    // Filled while the trees are retrieved, dropped by Start: a filtered-out entry has no task.
-    void HandleSubFolderFilteredOut(const QString& path);
-    void HandleFileFilteredOut(const QString& path);
+    // Told of entries left out while the trees are retrieved. A filtered-out entry has no task
+    // and takes no part in any folder's status, so nothing is kept of it.
+    void HandleSubFolderFilteredOut(const QString& path) { (void)path; }
+    void HandleFileFilteredOut(const QString& path) { (void)path; }
 
     // Takes the depot's monitored tasks (all but conflict marking) and marks them, inside one
     // transaction, as Synchronizing. A depot without such tasks writes nothing. Exceptions of
@@ -164,8 +165,6 @@ private:
     TaskList _localFolderDeletionTasks;
     std::shared_ptr<sync::interf::IFolderConfigManager> _folderConfigManager;
     std::shared_ptr<sync::interf::IFileConfigManager> _fileConfigManager;
-    QList<QString> _filteredFolderPaths;
-    QList<QString> _filteredFilePaths;
 
     bool _started = false;  // between Start and End; reports while idle are dropped
     QString _rootKey;
