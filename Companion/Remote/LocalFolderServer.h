@@ -5,13 +5,7 @@
 #include <QString>
 #include <memory>
 
-#include "IFileConfigManager.h"
-#include "IFileDeleteClient.h"
-#include "IFileDownloadClient.h"
-#include "IFileUploadClient.h"
-#include "IRemoteFileManagerFactory.h"
-#include "IRemoteFolderManagerFactory.h"
-#include "IUrlBuilder.h"
+#include "RemoteBackend.h"
 #include "ServerConfiguration.h"
 
 namespace sync {
@@ -31,14 +25,7 @@ namespace remote {
 // and renamed into place. An upload replaces only the server version the record names (412
 // otherwise), a download only the local file the record describes (409 otherwise), and a file
 // that changes while it is read is not stored (409). Failures of the local disk carry no status.
-class LocalFolderServer : public sync::interf::factory::IRemoteFolderManagerFactory,
-                          public sync::interf::factory::IRemoteFileManagerFactory,
-                          public sync::interf::IRemoteFolderManager,
-                          public sync::interf::IRemoteFileManager,
-                          public sync::interf::IFileUploadClient,
-                          public sync::interf::IFileDownloadClient,
-                          public sync::interf::IFileDeleteClient,
-                          public sync::interf::IUrlBuilder,
+class LocalFolderServer : public RemoteBackend,
                           public std::enable_shared_from_this<LocalFolderServer> {
 public:
     using Folder = sync::config::FolderConfiguration;
@@ -51,11 +38,11 @@ public:
     static QString DirectoryOf(const sync::config::ServerConfiguration& server);
 
     const QString& Directory() const { return _directory; }
-    // With a database, the transfer clients store the records of what they transferred: the
-    // outcome of every upload and download (new records added), and a deleted file's record
-    // removed.
-    void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) {
+    void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) override {
         _database = std::move(files);
+    }
+    void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) override {
+        _exitChecker = std::move(exitChecker);
     }
 
     // Throw HttpException(401) for an account other than the one served.
@@ -115,6 +102,7 @@ private:
     QString _directory;
     int _authenticationId;
     std::shared_ptr<sync::interf::IFileConfigManager> _database;
+    std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
 };
 
 }  // namespace remote

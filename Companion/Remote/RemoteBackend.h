@@ -1,0 +1,41 @@
+#pragma once
+
+#include <QString>
+#include <memory>
+
+#include "ICheckForExit.h"
+#include "IFileConfigManager.h"
+#include "IFileDeleteClient.h"
+#include "IFileDownloadClient.h"
+#include "IFileUploadClient.h"
+#include "IRemoteFileManagerFactory.h"
+#include "IRemoteFolderManagerFactory.h"
+#include "IUrlBuilder.h"
+
+namespace sync {
+namespace remote {
+
+// Everything the engine needs of one account's server, from one object: the managers, the
+// transfer clients and the URL builder. A backend serves one account; RemoteService picks the
+// backend by the account's URL and forwards to it.
+class RemoteBackend : public sync::interf::factory::IRemoteFolderManagerFactory,
+                      public sync::interf::factory::IRemoteFileManagerFactory,
+                      public sync::interf::IRemoteFolderManager,
+                      public sync::interf::IRemoteFileManager,
+                      public sync::interf::IFileUploadClient,
+                      public sync::interf::IFileDownloadClient,
+                      public sync::interf::IFileDeleteClient,
+                      public sync::interf::IUrlBuilder {
+public:
+    ~RemoteBackend() override = default;
+
+    // With a database, the transfer clients store the records of what they transferred: the
+    // outcome of every upload and download (new records added), and a deleted file's record
+    // removed.
+    virtual void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) = 0;
+    // A stop request ends long transfers promptly; without a checker transfers run to the end.
+    virtual void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) = 0;
+};
+
+}  // namespace remote
+}  // namespace sync
