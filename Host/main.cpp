@@ -1,24 +1,506 @@
+// foldersync: keeps local folders in step with server folders.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSet>
+#include <QSocketNotifier>
+#include <QTemporaryDir>
 #include <QTextStream>
+#include <QThread>
+#include <cstdio>
 
+#include "ActionLogWording.h"
+#include "ConsoleReporter.h"
+#include "CoreFactory.h"
+#include "DatabaseActionLog.h"
+#include "DatabaseLock.h"
+#include "DryRunRemote.h"
+#include "HostApplication.h"
+#include "HostLogging.h"
+#include "HostSetup.h"
+#include "LitterFilter.h"
+#include "Registration.h"
 #include "SyncLog.h"
+#include "SyncMetaTypes.h"
 
-// Command-line host: keeps a local folder in step with a server folder.
+namespace {
+
+using namespace sync::host;
+
+// Exit statuses that scripts can test.
+enum Exit { InStep = 0, Errors = 1, Usage = 2, HeldBack = 3 };
+
+const char kUsage[] =
+    "usage: foldersync [--db FILE] [-v|-vv] COMMAND [ARGS]\n"
+    "\n"
+    "Keeps local folders in step with server folders, both ways, without losing a file.\n"
+    "A server folder is a folder on this machine (a path or a file:// URL: another disk, a\n"
+    "mounted share, a USB drive) or a folder on a WebDAV server (an http(s):// URL).\n"
+    "\n"
+    "Commands:\n"
+    "  sync LOCAL REMOTE   register the pair if it is new, sync it once and print a summary\n"
+    "      --dry-run          print the plan and change nothing\n"
+    "      --allow-mass-delete  carry out a plan that deletes more than half of the files\n"
+    "      --wait             wait for another process that holds the database\n"
+    "  sync                sync every registered folder once\n"
+    "  add LOCAL REMOTE    register a pair without syncing it\n"
+    "  remove LOCAL        stop syncing a folder (its files stay on both sides)\n"
+    "  list [--json]       the registered folders\n"
+    "  status [--json] [PATH]  per folder its status, last sync and counts; or one entry's\n"
+    "  log [-n N]          what was done, newest first\n"
+    "\n"
+    "Options:\n"
+    "  --db FILE   the configuration database (default: $FOLDERSYNC_DB, else\n"
+    "              ~/.local/share/foldersync/sync.db)\n"
+    "  -v, -vv     more detail on the terminal (INFO, DEBUG); the log file is under\n"
+    "              ~/.local/state/foldersync\n"
+    "\n"
+    "A WebDAV password is read from $FOLDERSYNC_PASSWORD, never from the command line.\n"
+    "Exit status: 0 in step, 1 errors, 2 usage or configuration, 3 held back by the\n"
+    "mass-deletion guard.\n";
+
+QTextStream& Out() {
+    static QTextStream out(stdout);
+    return out;
+}
+
+QTextStream& Err() {
+    static QTextStream err(stderr);
+    return err;
+}
+
+int Fail(const QString& message, int status = Usage) {
+    Err() << "foldersync: " << message << "\n";
+    Err().flush();
+    return status;
+}
+
+struct Arguments {
+    QString command;
+    QStringList positional;
+    QString db;
+    int verbosity = 0;
+    bool dryRun = false;
+    bool allowMassDelete = false;
+    bool wait = false;
+    bool json = false;
+    int count = 50;
+    QString error;
+};
+
+Arguments Parse(const QStringList& args) {
+    Arguments a;
+    for (int i = 0; i < args.size(); ++i) {
+        const QString& arg = args[i];
+        if (arg == QLatin1String("--db") || arg == QLatin1String("-n")) {
+            if (i + 1 >= args.size()) {
+                a.error = QStringLiteral("%1 needs a value").arg(arg);
+                return a;
+            }
+            if (arg == QLatin1String("--db")) {
+                a.db = args[++i];
+            } else {
+                bool ok = false;
+                a.count = args[++i].toInt(&ok);
+                if (!ok || a.count <= 0) a.error = QStringLiteral("-n needs a positive number");
+            }
+        } else if (arg.startsWith(QLatin1String("--db="))) {
+            a.db = arg.mid(5);
+        } else if (arg == QLatin1String("-v")) {
+            a.verbosity = std::max(a.verbosity, 1);
+        } else if (arg == QLatin1String("-vv")) {
+            a.verbosity = 2;
+        } else if (arg == QLatin1String("--dry-run")) {
+            a.dryRun = true;
+        } else if (arg == QLatin1String("--allow-mass-delete")) {
+            a.allowMassDelete = true;
+        } else if (arg == QLatin1String("--wait")) {
+            a.wait = true;
+        } else if (arg == QLatin1String("--json")) {
+            a.json = true;
+        } else if (arg == QLatin1String("--help") || arg == QLatin1String("-h")) {
+            a.command = QStringLiteral("help");
+        } else if (arg.startsWith(QLatin1Char('-')) && arg.size() > 1) {
+            a.error = QStringLiteral("unknown option %1").arg(arg);
+            return a;
+        } else if (a.command.isEmpty()) {
+            a.command = arg;
+        } else {
+            a.positional << arg;
+        }
+    }
+    return a;
+}
+
+// SIGINT and SIGTERM ask the cycle to stop after the entry it is working on; they reach the
+// event loop through a pipe, since a signal handler may do next to nothing.
+int g_signalPipe[2] = {-1, -1};
+
+void OnSignal(int) {
+    const char byte = 1;
+    if (::write(g_signalPipe[1], &byte, 1) < 0) {
+        // Nothing a signal handler can do about it.
+    }
+}
+
+void InstallStopSignals(QObject* parent) {
+    if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
+    auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, parent);
+    QObject::connect(notifier, &QSocketNotifier::activated, parent, [] {
+        char byte;
+        while (::read(g_signalPipe[0], &byte, 1) > 0) {
+        }
+        Err() << "foldersync: stopping after the current file (press Ctrl-C again to "
+                 "abort)\n";
+        Err().flush();
+        sync::factory::CoreFactory::ExitChecker()->RequestExit();
+        // A second signal ends the process at once; every write is atomic, so nothing is torn.
+        ::signal(SIGINT, SIG_DFL);
+        ::signal(SIGTERM, SIG_DFL);
+    });
+    struct sigaction action = {};
+    action.sa_handler = OnSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+}
+
+// Only the chosen root folders take part in the cycle.
+class SelectedRoots : public sync::interf::IFolderFilter {
+public:
+    explicit SelectedRoots(QSet<int> ids) : _ids(std::move(ids)) {}
+    bool IsRootFolderIncluded(const sync::config::FolderConfiguration& root) override {
+        return _ids.contains(root.id);
+    }
+
+private:
+    QSet<int> _ids;
+};
+
+// Runs one cycle of the engine on its own thread, as the service would.
+class CycleThread : public QThread {
+public:
+    CycleThread(std::shared_ptr<sync::interf::factory::ISynchronizationServiceFactory> factory,
+                QWeakPointer<sync::interf::ISyncSignalsAndSlots> reporter,
+                std::shared_ptr<sync::interf::ISyncConfiguration> configuration)
+        : _factory(std::move(factory)),
+          _reporter(std::move(reporter)),
+          _configuration(std::move(configuration)) {}
+    QString error;
+
+protected:
+    void run() override {
+        try {
+            auto synchronizer = _factory->CreateSynchronizer(_reporter, _configuration);
+            synchronizer->Synchronize();
+            sync::factory::CoreFactory::ActionLog()->Flush();
+        } catch (const std::exception& e) {
+            error = QString::fromUtf8(e.what());
+        } catch (...) {
+            error = QStringLiteral("unexpected failure");
+        }
+    }
+
+private:
+    std::shared_ptr<sync::interf::factory::ISynchronizationServiceFactory> _factory;
+    QWeakPointer<sync::interf::ISyncSignalsAndSlots> _reporter;
+    std::shared_ptr<sync::interf::ISyncConfiguration> _configuration;
+};
+
+QString AccountUrl(HostSetup& setup, int authenticationId) {
+    for (const auto& account : setup.accounts->GetAccounts())
+        if (account.id == authenticationId) return Registration::Shown(account.baseUrl);
+    return QString();
+}
+
+QString StatusName(int status) {
+    switch (status) {
+        case 0:
+            return QStringLiteral("in step");
+        case 1:
+            return QStringLiteral("syncing");
+        case 2:
+            return QStringLiteral("out of sync");
+        default:
+            return QStringLiteral("not synced yet");
+    }
+}
+
+int RunSync(const Arguments& a, HostSetup& setup) {
+    QSet<int> ids;
+    if (a.positional.size() == 2) {
+        Registration registration(setup, a.dryRun);
+        const int id = registration.Register(a.positional[0], a.positional[1]);
+        if (id < 0) return Fail(registration.Error());
+        if (registration.Added() && !a.dryRun)
+            Out() << "registered " << QDir::cleanPath(QFileInfo(a.positional[0]).absoluteFilePath())
+                  << "\n";
+        ids.insert(id);
+    } else if (a.positional.isEmpty()) {
+        for (const auto& root : setup.folders->GetRootFolders()) ids.insert(root.id);
+        if (ids.isEmpty())
+            return Fail(
+                QStringLiteral("no folder is registered; use: foldersync sync LOCAL REMOTE"));
+    } else {
+        return Fail(QStringLiteral("sync takes LOCAL and REMOTE, or nothing"));
+    }
+
+    QHash<long, QString> rootPaths;
+    for (const auto& root : setup.folders->GetRootFolders())
+        rootPaths.insert(root.id, root.localPath);
+
+    auto companions = setup.Companions();
+    auto filter = std::make_shared<LitterFilter>();
+    HostApplication::Options options;
+    options.dryRun = a.dryRun;
+    options.allowMassDelete = a.allowMassDelete;
+    auto host = std::make_shared<HostApplication>(options, setup.files);
+    companions.fileFilter = filter;
+    companions.folderFilter = filter;
+    companions.rootFolderFilter = std::make_shared<SelectedRoots>(ids);
+    companions.hostApplication = host;
+    if (a.dryRun) {
+        // Reads the real server, writes nothing to it.
+        auto remote = std::make_shared<DryRunRemote>(setup.remote);
+        companions.remoteFolderManagerFactory = remote;
+        companions.remoteFileManagerFactory = remote;
+        companions.uploadClient = remote;
+        companions.downloadClient = remote;
+        companions.deleteClient = remote;
+        companions.urlBuilder = remote;
+    }
+    auto factory = std::make_shared<sync::syncService::SynchronizationServiceFactory>(companions);
+
+    QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(rootPaths, Out(), Err()));
+    reporter->SetPlanOnly(a.dryRun);
+    CycleThread thread(factory, reporter, setup.configuration);
+    // The host application answers the engine on the cycle's thread.
+    host->moveToThread(&thread);
+    QObject::connect(&thread, &QThread::finished, QCoreApplication::instance(),
+                     &QCoreApplication::quit);
+    InstallStopSignals(QCoreApplication::instance());
+    thread.start();
+    QCoreApplication::exec();
+    thread.wait();
+    QCoreApplication::sendPostedEvents();
+
+    if (!thread.error.isEmpty()) return Fail(thread.error, Errors);
+    if (a.dryRun) {
+        const QStringList plan = host->PlanLines();
+        if (plan.isEmpty()) Out() << "nothing to do\n";
+        for (const QString& line : plan) Out() << line << "\n";
+        Out() << "(dry run: nothing was changed)\n";
+        Out().flush();
+        return reporter->AnyError() ? Errors : InStep;
+    }
+    const QStringList heldBack = host->HeldBack();
+    for (const QString& message : heldBack) Err() << "foldersync: held back: " << message << "\n";
+    Err().flush();
+    if (sync::factory::CoreFactory::ExitChecker()->ShouldExit()) {
+        Err() << "foldersync: stopped; run again to finish\n";
+        Err().flush();
+        return Errors;
+    }
+    if (reporter->AnyError()) return Errors;
+    if (!heldBack.isEmpty()) return HeldBack;
+    if (!reporter->Total().anyWorkDone()) Out() << "in step, nothing to do\n";
+    Out().flush();
+    return InStep;
+}
+
+int RunAdd(const Arguments& a, HostSetup& setup) {
+    if (a.positional.size() != 2) return Fail(QStringLiteral("add takes LOCAL and REMOTE"));
+    Registration registration(setup);
+    const int id = registration.Register(a.positional[0], a.positional[1]);
+    if (id < 0) return Fail(registration.Error());
+    Out() << (registration.Added() ? "registered " : "already registered: ")
+          << QDir::cleanPath(QFileInfo(a.positional[0]).absoluteFilePath()) << "\n";
+    return InStep;
+}
+
+int RunRemove(const Arguments& a, HostSetup& setup) {
+    if (a.positional.size() != 1) return Fail(QStringLiteral("remove takes LOCAL"));
+    const QString local = QDir::cleanPath(QFileInfo(a.positional[0]).absoluteFilePath());
+    for (const auto& root : setup.folders->GetRootFolders()) {
+        if (root.localPath != local) continue;
+        // Only the records go: the files stay where they are on both sides.
+        if (!setup.folders->RemoveRootFolder(root.id))
+            return Fail(QStringLiteral("cannot remove %1 from the database").arg(local), Errors);
+        if (!setup.folders->IsAuthenticationInUse(root.authenticationId))
+            setup.accounts->RemoveAuthentication(root.authenticationId);
+        Out() << "no longer syncing " << local << " (its files stay on both sides)\n";
+        return InStep;
+    }
+    return Fail(QStringLiteral("%1 is not registered").arg(local));
+}
+
+int RunList(const Arguments& a, HostSetup& setup) {
+    QJsonArray array;
+    for (const auto& root : setup.folders->GetRootFolders()) {
+        const QString server = AccountUrl(setup, root.authenticationId) + root.serverPath;
+        if (a.json) {
+            QJsonObject o;
+            o.insert(QStringLiteral("id"), root.id);
+            o.insert(QStringLiteral("local"), root.localPath);
+            o.insert(QStringLiteral("server"), server);
+            array.append(o);
+        } else {
+            Out() << root.localPath << "  <->  " << server << "\n";
+        }
+    }
+    if (a.json) Out() << QJsonDocument(array).toJson(QJsonDocument::Indented);
+    return InStep;
+}
+
+int RunStatus(const Arguments& a, HostSetup& setup) {
+    if (a.positional.size() > 1) return Fail(QStringLiteral("status takes at most one PATH"));
+    QJsonArray array;
+    if (a.positional.size() == 1) {
+        const QString path = QDir::cleanPath(QFileInfo(a.positional[0]).absoluteFilePath());
+        for (const auto& root : setup.folders->GetRootFolders()) {
+            if (path != root.localPath && !path.startsWith(root.localPath + QLatin1Char('/')))
+                continue;
+            const auto folder = setup.folders->GetFolderByPath(path, root.authenticationId);
+            int status = -1;
+            if (folder.id >= 0) {
+                status = static_cast<int>(folder.getSyncStatus());
+            } else {
+                const auto file = setup.files->GetFileByPath(path, root.authenticationId);
+                if (file.id >= 0) status = static_cast<int>(file.syncStatus);
+            }
+            if (status < 0) return Fail(QStringLiteral("%1 is not known yet").arg(path), Errors);
+            if (a.json)
+                Out() << QJsonDocument(QJsonObject{{QStringLiteral("path"), path},
+                                                   {QStringLiteral("status"), StatusName(status)}})
+                             .toJson(QJsonDocument::Indented);
+            else
+                Out() << path << ": " << StatusName(status) << "\n";
+            return InStep;
+        }
+        return Fail(QStringLiteral("%1 is not in a synced folder").arg(path), Errors);
+    }
+    for (const auto& root : setup.folders->GetRootFolders()) {
+        QMap<int, int> counts;
+        for (const auto& file : setup.files->GetFilesByRootId(root.id))
+            ++counts[static_cast<int>(file.syncStatus)];
+        const QDateTime last = root.lastSyncTime;
+        const QString lastText =
+            last.isValid() ? last.toLocalTime().toString(Qt::ISODate) : QStringLiteral("never");
+        const int status = static_cast<int>(root.getSyncStatus());
+        if (a.json) {
+            QJsonObject files;
+            for (auto it = counts.cbegin(); it != counts.cend(); ++it)
+                files.insert(StatusName(it.key()), it.value());
+            QJsonObject o;
+            o.insert(QStringLiteral("local"), root.localPath);
+            o.insert(QStringLiteral("status"), StatusName(status));
+            o.insert(QStringLiteral("lastSync"),
+                     last.isValid() ? last.toUTC().toString(Qt::ISODate) : QString());
+            o.insert(QStringLiteral("files"), files);
+            array.append(o);
+        } else {
+            QStringList parts;
+            for (auto it = counts.cbegin(); it != counts.cend(); ++it)
+                parts << QStringLiteral("%1 %2").arg(it.value()).arg(StatusName(it.key()));
+            Out() << root.localPath << ": " << StatusName(status) << ", last sync " << lastText
+                  << ", files: " << (parts.isEmpty() ? QStringLiteral("none") : parts.join(", "))
+                  << "\n";
+        }
+    }
+    if (a.json) Out() << QJsonDocument(array).toJson(QJsonDocument::Indented);
+    return InStep;
+}
+
+int RunLog(const Arguments& a, HostSetup& setup) {
+    sync::database::DatabaseActionLog log(setup.database);
+    QVector<sync::database::ActionLogEntry> entries = log.Entries();
+    for (int i = entries.size() - 1, shown = 0; i >= 0 && shown < a.count; --i, ++shown)
+        Out() << entries[i].time.toLocalTime().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss"))
+              << "  " << sync::database::ActionLogWording::Describe(entries[i]) << "\n";
+    return InStep;
+}
+
+}  // namespace
+
 int main(int argc, char* argv[]) {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("foldersync"));
-    QTextStream err(stderr);
-    const QStringList args = QCoreApplication::arguments().mid(1);
-    if (args.isEmpty() || args.first() == QLatin1String("--help")) {
-        err << "usage: foldersync LOCAL_FOLDER [SERVER_FOLDER]\n"
-            << "Keeps LOCAL_FOLDER in step with SERVER_FOLDER, a folder acting as the server.\n";
-        return args.isEmpty() ? 2 : 0;
+    sync::core::RegisterSyncMetaTypes();
+    const Arguments a = Parse(QCoreApplication::arguments().mid(1));
+    if (!a.error.isEmpty()) return Fail(a.error + QStringLiteral(" (see foldersync --help)"));
+    if (a.command.isEmpty() || a.command == QLatin1String("help")) {
+        (a.command.isEmpty() ? Err() : Out()) << kUsage;
+        return a.command.isEmpty() ? Usage : InStep;
     }
-    sync::core::ConfigureLogging(QStringLiteral("INFO"));
-    const QString local = QFileInfo(args.first()).absoluteFilePath();
-    err << "foldersync: the engine is built, but syncing " << QDir::toNativeSeparators(local)
-        << " is not available yet: the planning and transfer stages are still being written.\n";
-    return 3;
+    static const QStringList known = {"sync", "add", "remove", "list", "status", "log"};
+    if (!known.contains(a.command))
+        return Fail(QStringLiteral("unknown command %1 (see foldersync --help)").arg(a.command));
+
+    // A dry run cancels every root folder on purpose; the engine's warnings about roots left
+    // unsynchronised would only alarm.
+    ConfigureHostLogging(a.verbosity, a.dryRun && a.command == QLatin1String("sync"));
+    QString dbPath = HostSetup::DatabasePath(a.db);
+    const bool dryRun = a.command == QLatin1String("sync") && a.dryRun;
+    const bool reads = a.command == QLatin1String("list") || a.command == QLatin1String("status") ||
+                       a.command == QLatin1String("log") || dryRun;
+    // A dry run works on a copy of the database: the engine's bookkeeping of the trial (root
+    // folder records, statuses) must not reach the real one.
+    QTemporaryDir trialDirectory;
+    if (dryRun) {
+        if (!trialDirectory.isValid())
+            return Fail(QStringLiteral("no temporary folder for the dry run"));
+        const QString copy = trialDirectory.filePath(QStringLiteral("trial.db"));
+        try {
+            if (QFileInfo::exists(dbPath))
+                sync::database::ConfigDatabase::Open(dbPath,
+                                                     sync::database::ConfigDatabase::Mode::ReadOnly)
+                    ->CopyTo(copy);
+        } catch (const std::exception& e) {
+            return Fail(QString::fromUtf8(e.what()));
+        }
+        dbPath = copy;
+    }
+    if (reads && !dryRun && !QFileInfo::exists(dbPath)) {
+        if (a.command == QLatin1String("list") || a.command == QLatin1String("status"))
+            Out() << (a.json ? "[]\n" : "no folder is registered\n");
+        return InStep;
+    }
+    if (!reads && !QDir().mkpath(QFileInfo(dbPath).absolutePath()))
+        return Fail(QStringLiteral("cannot create the folder of %1").arg(dbPath));
+
+    // Readers go alongside a running sync; writers take turns.
+    DatabaseLock lock(dbPath);
+    if (!reads && !lock.Acquire(false)) {
+        if (!lock.Error().isEmpty()) return Fail(lock.Error());
+        const qint64 holder = lock.HolderPid();
+        if (!a.wait)
+            return Fail(QStringLiteral("%1 is in use by process %2 (use --wait to wait for it)")
+                            .arg(dbPath)
+                            .arg(holder));
+        Err() << "foldersync: waiting for process " << holder << " to finish with " << dbPath
+              << "\n";
+        Err().flush();
+        if (!lock.Acquire(true)) return Fail(lock.Error());
+    }
+
+    try {
+        HostSetup setup(dbPath, reads && !dryRun);
+        if (a.command == QLatin1String("sync")) return RunSync(a, setup);
+        if (a.command == QLatin1String("add")) return RunAdd(a, setup);
+        if (a.command == QLatin1String("remove")) return RunRemove(a, setup);
+        if (a.command == QLatin1String("list")) return RunList(a, setup);
+        if (a.command == QLatin1String("status")) return RunStatus(a, setup);
+        return RunLog(a, setup);
+    } catch (const std::exception& e) {
+        return Fail(QString::fromUtf8(e.what()));
+    }
 }

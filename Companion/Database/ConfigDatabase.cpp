@@ -208,6 +208,16 @@ int ConfigDatabase::SchemaVersion() const {
     }
 }
 
+void ConfigDatabase::CopyTo(const QString& path) const {
+    try {
+        SQLite::Statement copy(_impl->Connection(), "VACUUM INTO ?");
+        copy.bind(1, QFile::encodeName(path).toStdString());
+        copy.exec();
+    } catch (const std::exception& e) {
+        throw _impl->Fail(e, QStringLiteral("cannot copy the database to %1").arg(path));
+    }
+}
+
 int ConfigDatabase::LatestSchemaVersion() {
     return DatabaseSchema::LatestVersion();
 }

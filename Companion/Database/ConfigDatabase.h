@@ -53,6 +53,9 @@ public:
     bool IsReadOnly() const;
     // PRAGMA user_version of the open file.
     int SchemaVersion() const;
+    // Writes a consistent copy of the whole database to a new file at path (for a trial run
+    // that must leave the real one untouched). Throws DatabaseException.
+    void CopyTo(const QString& path) const;
     static int LatestSchemaVersion();
     // True while a transaction or savepoint is open on the connection.
     bool InTransaction() const;

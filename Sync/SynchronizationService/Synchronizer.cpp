@@ -1,5 +1,7 @@
 #include "Synchronizer.h"
 
+#include <algorithm>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -588,18 +590,25 @@ SyncResults Synchronizer::_CreateRootFolder(FolderConfiguration& root) {
 // content is uploaded again instead. Whatever the root's own status, its children may have
 // been synchronised. Throws when the records could not all be written and committed.
 void Synchronizer::_MarkRootContentNotSynchronized(const FolderConfiguration& root) {
+    QVector<FolderConfiguration> folders = _folderConfigManager->GetFoldersByRootId(root.id);
+    const QVector<FileConfiguration> files = _fileConfigManager->GetFilesByRootId(root.id, false);
+    // A root that was never synchronised (the server folder is simply new) has nothing to mark.
+    if (files.isEmpty() &&
+        std::all_of(folders.cbegin(), folders.cend(),
+                    [&](const FolderConfiguration& f) { return f.id == root.id; }))
+        return;
     SYNC_LOG_WARN(
         "Server root folder %1 of %2 has vanished. Marking its content as not synchronized so "
         "that it is uploaded again.",
         root.serverPath, root.localPath);
     sync::database::TransactionalScope scope;
     bool written = true;
-    for (FolderConfiguration folder : _folderConfigManager->GetFoldersByRootId(root.id)) {
+    for (FolderConfiguration folder : folders) {
         if (folder.id == root.id) continue;
         folder.setSyncStatus(FolderSynchronizationStatus::NotSynchronized);
         written = _folderConfigManager->UpdateFolder(folder) && written;
     }
-    for (FileConfiguration file : _fileConfigManager->GetFilesByRootId(root.id, false)) {
+    for (FileConfiguration file : files) {
         file.syncStatus = FileSynchronizationStatus::NotSynchronized;
         written = _fileConfigManager->UpdateFile(file) && written;
     }
