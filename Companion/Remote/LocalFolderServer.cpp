@@ -14,6 +14,7 @@
 #include <QRandomGenerator>
 #include <QUrl>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <vector>
@@ -345,6 +346,67 @@ void SetServerFields(File& f, const struct stat& st, int privileges) {
     f.serverModified = ModifiedOf(st);
 }
 
+// Renames within a folder unless the target exists (EEXIST). File systems without an atomic
+// way (some network and FAT file systems) get a check first.
+bool RenameNoReplace(int dirFd, const QByteArray& from, const QByteArray& to) {
+    if (::renameat2(dirFd, from.constData(), dirFd, to.constData(), RENAME_NOREPLACE) == 0)
+        return true;
+    if (errno != EINVAL && errno != ENOSYS) return false;
+    struct stat st;
+    if (::fstatat(dirFd, to.constData(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        errno = EEXIST;
+        return false;
+    }
+    return ::renameat(dirFd, from.constData(), dirFd, to.constData()) == 0;
+}
+
+// Keeps the server file's current version (the one st describes) under a conflict name
+// beside it, written like any upload: temporary file, fsync, and a rename that never replaces.
+bool KeepConflictCopy(int dirFd, const QByteArray& name, const struct stat& version, int& status) {
+    const FdCloser source(::openat(dirFd, name.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    if (source.fd < 0 || ::fstat(source.fd, &st) != 0) {
+        status = LocalFolderServer::StatusOf(errno);
+        return false;
+    }
+    if (!SameStamp(st, version, true)) {
+        status = sync::http::PreconditionFailed;
+        return false;
+    }
+    QByteArray temporary;
+    const FdCloser out(CreateTemporary(dirFd, name, temporary));
+    if (out.fd < 0) {
+        status = LocalFolderServer::StatusOf(errno);
+        return false;
+    }
+    QCryptographicHash hash(QCryptographicHash::Sha256);
+    int readError = 0, writeError = 0;
+    if (CopyHashing(source.fd, out.fd, hash, readError, writeError) != qint64(st.st_size) ||
+        ::fchmod(out.fd, st.st_mode & 07777) != 0 || !SetModified(out.fd, st.st_mtim) ||
+        ::fsync(out.fd) != 0) {
+        status = LocalFolderServer::StatusOf(writeError != 0  ? writeError
+                                             : readError != 0 ? readError
+                                                              : EIO);
+        ::unlinkat(dirFd, temporary.constData(), 0);
+        return false;
+    }
+    const QDateTime now = QDateTime::currentDateTime();
+    const QString shown = QString::fromUtf8(name);
+    for (int attempt = 1; attempt < 100; ++attempt) {
+        const QByteArray target = RemoteBackend::ConflictCopyName(shown, now, attempt).toUtf8();
+        if (RenameNoReplace(dirFd, temporary, target)) {
+            ::fsync(dirFd);
+            SYNC_LOG_WARN("Kept the server's version of %1 as %2: both sides changed it", shown,
+                          QString::fromUtf8(target));
+            return true;
+        }
+        if (errno != EEXIST) break;
+    }
+    status = LocalFolderServer::StatusOf(errno);
+    ::unlinkat(dirFd, temporary.constData(), 0);
+    return false;
+}
+
 }  // namespace
 
 void LocalFolderServer::_StoreRecord(File& record) {
@@ -436,7 +498,9 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
         return true;
     };
 
-    if (f.referencesOnly && exists && server.st_size == before.st_size) {
+    // The server may hold these bytes already (both sides made the same change): then the
+    // record is only settled, and nothing is copied or kept as a conflict.
+    if (exists && server.st_size == before.st_size) {
         const QString localHash = sync::core::CryptographicHash().GetFileHash(f.localPath);
         const QString serverHash =
             sync::core::CryptographicHash().GetFileHash(QString::fromUtf8(native));
@@ -452,6 +516,17 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     if (!seen(exists ? &server : nullptr)) {
         status = sync::http::PreconditionFailed;
         return false;
+    }
+
+    // A server version that this client never synchronised (both sides changed the file since
+    // the last cycle) is replaced only once it is kept beside it; the next cycle brings the
+    // copy down like any new server file.
+    if (exists && _database && f.id > 0) {
+        const QString synchronised =
+            _database->GetFileById(f.id).properties.value(QStringLiteral("versionId"));
+        if (!synchronised.isEmpty() && synchronised != VersionIdOf(server) &&
+            !KeepConflictCopy(dir.fd, name, server, status))
+            return false;
     }
 
     QByteArray temporary;
@@ -613,16 +688,27 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
 
     // The local file must still be the one planned: an edit made since then is the user's
     // work and is not overwritten. A file that already holds this content loses nothing.
+    // Time stamps count in whole seconds, so an edit of the same size within the second of
+    // the last sync only shows in the content: the recorded hash decides.
     struct stat local;
     if (::lstat(nativeTarget.constData(), &local) == 0) {
-        const bool asRecorded =
+        const bool stampAsRecorded =
             S_ISREG(local.st_mode) && record.lastModified.isValid() &&
             qint64(local.st_size) == record.size &&
             qint64(local.st_mtim.tv_sec) == record.lastModified.toSecsSinceEpoch();
-        const bool sameContent =
-            S_ISREG(local.st_mode) && qint64(local.st_size) == total &&
-            sync::core::CryptographicHash().GetFileHash(target) == downloadedHash;
+        const QString localHash = S_ISREG(local.st_mode)
+                                      ? sync::core::CryptographicHash().GetFileHash(target)
+                                      : QString();
+        const bool asRecorded =
+            stampAsRecorded && (record.checksum.isEmpty() || localHash == record.checksum);
+        const bool sameContent = qint64(local.st_size) == total && localHash == downloadedHash;
         if (!asRecorded && !sameContent) {
+            if (stampAsRecorded) {
+                // Unseen by its time stamp, the edit would never be uploaded and this
+                // download would fail for ever: a record without a time makes the next cycle
+                // hash the file and find the change.
+                record.lastModified = QDateTime();
+            }
             status = sync::http::Conflict;
             return false;
         }

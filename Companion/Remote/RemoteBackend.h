@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QDateTime>
 #include <QString>
 #include <memory>
 
@@ -35,6 +36,18 @@ public:
     virtual void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) = 0;
     // A stop request ends long transfers promptly; without a checker transfers run to the end.
     virtual void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) = 0;
+
+    // The name under which a server version that an upload is about to replace unseen is kept:
+    // "report (conflict 2026-11-23 221502).txt", with " 2", " 3"... before the extension when
+    // that name is taken.
+    static QString ConflictCopyName(const QString& name, const QDateTime& when, int attempt = 1) {
+        int dot = name.lastIndexOf(QLatin1Char('.'));
+        if (dot <= 0) dot = name.size();  // no extension, or a name that begins with a dot
+        QString tag = when.toString(QStringLiteral("yyyy-MM-dd HHmmss"));
+        if (attempt > 1) tag += QLatin1Char(' ') + QString::number(attempt);
+        return name.left(dot) + QStringLiteral(" (conflict ") + tag + QLatin1Char(')') +
+               name.mid(dot);
+    }
 };
 
 }  // namespace remote

@@ -176,12 +176,14 @@ FileConfiguration ServerFileCreationWorker::_PrepareRecord(const FolderConfigura
     record.transferDirection = file.transferDirection;
     record.syncStatus = file.syncStatus;
     record.transferPending = true;
+    if (!generated) _fileConfigManager->UpdateFile(record);
     // A file changed on both sides carries the server version it replaces; the upload must
-    // name that one, not the older one the database knew.
+    // name that one, not the older one the database knew. The database keeps the version last
+    // synchronised until the upload settles the record, so that the upload client can tell a
+    // server version it never synchronised (and keep it) from its own.
     for (const QString& key : {VERSION, VERSION_ID})
         if (file.properties.contains(key))
             record.properties.insert(key, file.properties.value(key));
-    if (!generated) _fileConfigManager->UpdateFile(record);
     return record;
 }
 
