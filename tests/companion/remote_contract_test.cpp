@@ -222,6 +222,8 @@ protected:
         if (QFileInfo::exists(f.localPath)) {
             f.size = QFileInfo(f.localPath).size();
             f.lastModified = LocalModified(serverPath);
+            QFile local(f.localPath);
+            if (local.open(QIODevice::ReadOnly)) f.checksum = Sha256(local.readAll());
         }
         if (known) database->AddFile(f);
         return f;
