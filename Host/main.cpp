@@ -19,6 +19,7 @@
 
 #include "ActionLogWording.h"
 #include "ConsoleReporter.h"
+#include "ControlChannel.h"
 #include "CoreFactory.h"
 #include "DatabaseActionLog.h"
 #include "DatabaseLock.h"
@@ -28,8 +29,11 @@
 #include "HostSetup.h"
 #include "LitterFilter.h"
 #include "Registration.h"
+#include "ScheduleEntryManager.h"
 #include "SyncLog.h"
 #include "SyncMetaTypes.h"
+#include "SyncScheduleManager.h"
+#include "SynchronizationService.h"
 
 namespace {
 
@@ -56,6 +60,11 @@ const char kUsage[] =
     "  list [--json]       the registered folders\n"
     "  status [--json] [PATH]  per folder its status, last sync and counts; or one entry's\n"
     "  log [-n N]          what was done, newest first\n"
+    "  run                 keep every registered folder in step, following the schedule, until\n"
+    "                      stopped (Ctrl-C or SIGTERM)\n"
+    "  schedule continuous|periodic SECONDS|daily HH:MM|manual\n"
+    "                      when run syncs; a running service picks the change up\n"
+    "  now                 ask the running service for a sync now\n"
     "\n"
     "Options:\n"
     "  --db FILE   the configuration database (default: $FOLDERSYNC_DB, else\n"
@@ -235,6 +244,30 @@ QString StatusName(int status) {
     }
 }
 
+std::shared_ptr<HostApplication> MakeHost(const Arguments& a, HostSetup& setup) {
+    HostApplication::Options options;
+    options.dryRun = a.dryRun;
+    options.allowMassDelete = a.allowMassDelete;
+    return std::make_shared<HostApplication>(options, setup.files);
+}
+
+sync::syncService::SynchronizationServiceFactory::Companions MakeCompanions(
+    HostSetup& setup, std::shared_ptr<HostApplication> host) {
+    auto companions = setup.Companions();
+    auto filter = std::make_shared<LitterFilter>();
+    companions.fileFilter = filter;
+    companions.folderFilter = filter;
+    companions.hostApplication = std::move(host);
+    return companions;
+}
+
+QHash<long, QString> RootPaths(HostSetup& setup) {
+    QHash<long, QString> rootPaths;
+    for (const auto& root : setup.folders->GetRootFolders())
+        rootPaths.insert(root.id, root.localPath);
+    return rootPaths;
+}
+
 int RunSync(const Arguments& a, HostSetup& setup) {
     QSet<int> ids;
     if (a.positional.size() == 2) {
@@ -254,20 +287,10 @@ int RunSync(const Arguments& a, HostSetup& setup) {
         return Fail(QStringLiteral("sync takes LOCAL and REMOTE, or nothing"));
     }
 
-    QHash<long, QString> rootPaths;
-    for (const auto& root : setup.folders->GetRootFolders())
-        rootPaths.insert(root.id, root.localPath);
-
-    auto companions = setup.Companions();
-    auto filter = std::make_shared<LitterFilter>();
-    HostApplication::Options options;
-    options.dryRun = a.dryRun;
-    options.allowMassDelete = a.allowMassDelete;
-    auto host = std::make_shared<HostApplication>(options, setup.files);
-    companions.fileFilter = filter;
-    companions.folderFilter = filter;
+    const QHash<long, QString> rootPaths = RootPaths(setup);
+    auto host = MakeHost(a, setup);
+    auto companions = MakeCompanions(setup, host);
     companions.rootFolderFilter = std::make_shared<SelectedRoots>(ids);
-    companions.hostApplication = host;
     if (a.dryRun) {
         // Reads the real server, writes nothing to it.
         auto remote = std::make_shared<DryRunRemote>(setup.remote);
@@ -314,6 +337,104 @@ int RunSync(const Arguments& a, HostSetup& setup) {
     if (!heldBack.isEmpty()) return HeldBack;
     if (!reporter->Total().anyWorkDone()) Out() << "in step, nothing to do\n";
     Out().flush();
+    return InStep;
+}
+
+int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
+    if (!a.positional.isEmpty() || a.dryRun) return Fail(QStringLiteral("run takes no arguments"));
+    if (setup.folders->GetRootFolders().isEmpty())
+        return Fail(QStringLiteral("no folder is registered; use: foldersync add LOCAL REMOTE"));
+    auto host = MakeHost(a, setup);
+    auto factory = std::make_shared<sync::syncService::SynchronizationServiceFactory>(
+        MakeCompanions(setup, host));
+    QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(RootPaths(setup), Out(), Err()));
+    auto scheduleManager = std::make_shared<sync::syncService::SyncScheduleManager>(
+        setup.configuration,
+        std::make_shared<sync::database::ScheduleEntryManager>(setup.database));
+
+    ControlChannel control(dbPath);
+    if (!control.Listen()) return Fail(control.Error());
+    QObject::connect(&control, &ControlChannel::SyncNowRequested, reporter.data(),
+                     [&reporter] { emit reporter->SyncNow(); });
+    QObject::connect(&control, &ControlChannel::ScheduleChangeRequested, reporter.data(),
+                     [&reporter] { emit reporter->ScheduleChanged(); });
+
+    QThread thread;
+    auto* service = new sync::syncService::SynchronizationService(
+        setup.configuration, host, sync::factory::CoreFactory::ExitChecker(), factory, reporter,
+        scheduleManager);
+    host->moveToThread(&thread);
+    service->moveToThread(&thread);
+    QString failure;
+    QObject::connect(service, &sync::syncService::SynchronizationService::ServiceFailed,
+                     QCoreApplication::instance(), [&failure](const QString& m) { failure = m; });
+    QObject::connect(&thread, &QThread::started, service,
+                     &sync::syncService::SynchronizationService::StartSyncService);
+    // Its timer belongs to the service thread: it is deleted there, as the thread ends.
+    QObject::connect(&thread, &QThread::finished, service, &QObject::deleteLater);
+    QObject::connect(&thread, &QThread::finished, QCoreApplication::instance(),
+                     &QCoreApplication::quit);
+    InstallStopSignals(QCoreApplication::instance());
+    Out() << "foldersync: keeping " << RootPaths(setup).size()
+          << " folder(s) in step; Ctrl-C stops\n";
+    Out().flush();
+    thread.start();
+    QCoreApplication::exec();
+    thread.wait();
+    QCoreApplication::sendPostedEvents();
+    if (!failure.isEmpty())
+        return Fail(QStringLiteral("the service stopped: %1").arg(failure), Errors);
+    Out() << "foldersync: stopped\n";
+    return InStep;
+}
+
+int RunSchedule(const Arguments& a, HostSetup& setup, const QString& dbPath) {
+    const QString kind = a.positional.value(0);
+    sync::database::ScheduleEntryManager schedules(setup.database);
+    sync::config::ScheduleEntry entry = schedules.GetScheduleEntry();
+    int seconds = -1;
+    if (kind == QLatin1String("manual") && a.positional.size() == 1) {
+        entry.syncType = sync::config::Manual;
+    } else if ((kind == QLatin1String("continuous") || kind == QLatin1String("periodic")) &&
+               a.positional.size() <= 2) {
+        entry.syncType =
+            kind == QLatin1String("continuous") ? sync::config::Continuous : sync::config::Periodic;
+        if (a.positional.size() == 2) {
+            bool ok = false;
+            seconds = a.positional[1].toInt(&ok);
+            if (!ok || seconds < 1)
+                return Fail(QStringLiteral("SECONDS must be a positive number"));
+        } else if (kind == QLatin1String("periodic")) {
+            return Fail(QStringLiteral("periodic takes SECONDS"));
+        }
+    } else if (kind == QLatin1String("daily") && a.positional.size() == 2) {
+        const QTime time = QTime::fromString(a.positional[1], QStringLiteral("H:mm"));
+        if (!time.isValid()) return Fail(QStringLiteral("daily takes a time of day as HH:MM"));
+        entry.syncType = sync::config::Daily;
+        entry.syncTime = QDateTime(QDate::currentDate(), time);
+    } else {
+        return Fail(QStringLiteral(
+            "schedule takes continuous [SECONDS], periodic SECONDS, daily HH:MM or manual"));
+    }
+    if (seconds > 0) {
+        setup.configuration->SetSyncInterval(seconds);
+        entry.syncInterval = seconds;
+    }
+    entry.lastChanged = QDateTime::currentDateTimeUtc();
+    schedules.UpdateScheduleEntry(entry);
+    const bool told = ControlChannel::Send(dbPath, ControlChannel::Request::ScheduleChanged);
+    Out() << "schedule: " << a.positional.join(QLatin1Char(' '))
+          << (told ? " (the running service follows it now)\n"
+                   : " (from the next start of foldersync run)\n");
+    return InStep;
+}
+
+int RunNow(const Arguments& a, const QString& dbPath) {
+    if (!a.positional.isEmpty()) return Fail(QStringLiteral("now takes no arguments"));
+    if (!ControlChannel::Send(dbPath, ControlChannel::Request::SyncNow))
+        return Fail(QStringLiteral("no service is running on %1 (start one with foldersync run)")
+                        .arg(dbPath));
+    Out() << "asked the running service to sync now\n";
     return InStep;
 }
 
@@ -441,7 +562,8 @@ int main(int argc, char* argv[]) {
         (a.command.isEmpty() ? Err() : Out()) << kUsage;
         return a.command.isEmpty() ? Usage : InStep;
     }
-    static const QStringList known = {"sync", "add", "remove", "list", "status", "log"};
+    static const QStringList known = {"sync", "add", "remove",   "list", "status",
+                                      "log",  "run", "schedule", "now"};
     if (!known.contains(a.command))
         return Fail(QStringLiteral("unknown command %1 (see foldersync --help)").arg(a.command));
 
@@ -450,8 +572,11 @@ int main(int argc, char* argv[]) {
     ConfigureHostLogging(a.verbosity, a.dryRun && a.command == QLatin1String("sync"));
     QString dbPath = HostSetup::DatabasePath(a.db);
     const bool dryRun = a.command == QLatin1String("sync") && a.dryRun;
+    if (a.command == QLatin1String("now")) return RunNow(a, dbPath);
+    // Readers, and the schedule (one small record), go alongside a running service.
     const bool reads = a.command == QLatin1String("list") || a.command == QLatin1String("status") ||
                        a.command == QLatin1String("log") || dryRun;
+    const bool locks = !reads && a.command != QLatin1String("schedule");
     // A dry run works on a copy of the database: the engine's bookkeeping of the trial (root
     // folder records, statuses) must not reach the real one.
     QTemporaryDir trialDirectory;
@@ -479,7 +604,7 @@ int main(int argc, char* argv[]) {
 
     // Readers go alongside a running sync; writers take turns.
     DatabaseLock lock(dbPath);
-    if (!reads && !lock.Acquire(false)) {
+    if (locks && !lock.Acquire(false)) {
         if (!lock.Error().isEmpty()) return Fail(lock.Error());
         const qint64 holder = lock.HolderPid();
         if (!a.wait)
@@ -497,6 +622,8 @@ int main(int argc, char* argv[]) {
         if (a.command == QLatin1String("sync")) return RunSync(a, setup);
         if (a.command == QLatin1String("add")) return RunAdd(a, setup);
         if (a.command == QLatin1String("remove")) return RunRemove(a, setup);
+        if (a.command == QLatin1String("run")) return RunService(a, setup, dbPath);
+        if (a.command == QLatin1String("schedule")) return RunSchedule(a, setup, dbPath);
         if (a.command == QLatin1String("list")) return RunList(a, setup);
         if (a.command == QLatin1String("status")) return RunStatus(a, setup);
         return RunLog(a, setup);

@@ -342,4 +342,50 @@ TEST(FoldersyncCli, StoppedInTheMiddleAndRunAgainLosesNothing) {
     EXPECT_TRUE(m.Sync().out.contains(QLatin1String("in step, nothing to do")));
 }
 
+// Waits up to ten seconds for a file to appear.
+bool Appears(const QString& path) {
+    for (int i = 0; i < 1000; ++i) {
+        if (QFileInfo::exists(path)) return true;
+        QThread::msleep(10);
+    }
+    return false;
+}
+
+TEST(FoldersyncCli, TheServiceFollowsTheScheduleAndAnswersRequests) {
+    Machine m;
+    Machine::Write(m.Local(QStringLiteral("a.txt")), "a");
+    ASSERT_EQ(m(QStringList{QStringLiteral("add"), m.Local(), m.Server()}).status, 0);
+    ASSERT_EQ(
+        m(QStringList{QStringLiteral("schedule"), QStringLiteral("periodic"), QStringLiteral("1")})
+            .status,
+        0);
+    QProcess* service = m.Start(QStringList{QStringLiteral("run")});
+    EXPECT_TRUE(Appears(m.Server(QStringLiteral("a.txt"))));
+    Machine::Write(m.Local(QStringLiteral("b.txt")), "b");
+    EXPECT_TRUE(Appears(m.Server(QStringLiteral("b.txt"))));
+
+    // One process syncs a database at a time; it names the running one.
+    Outcome busy = m.Sync();
+    EXPECT_EQ(busy.status, 2);
+    EXPECT_TRUE(busy.err.contains(QString::number(service->processId()))) << busy.err.toStdString();
+
+    // Under a manual schedule only a request syncs.
+    Outcome manual = m(QStringList{QStringLiteral("schedule"), QStringLiteral("manual")});
+    EXPECT_TRUE(manual.out.contains(QLatin1String("the running service follows it now")));
+    QThread::msleep(300);  // lets a cycle that was already due finish
+    Machine::Write(m.Local(QStringLiteral("c.txt")), "c");
+    QThread::msleep(2500);
+    EXPECT_FALSE(QFileInfo::exists(m.Server(QStringLiteral("c.txt"))));
+    EXPECT_EQ(m(QStringList{QStringLiteral("now")}).status, 0);
+    EXPECT_TRUE(Appears(m.Server(QStringLiteral("c.txt"))));
+
+    ::kill(static_cast<pid_t>(service->processId()), SIGTERM);
+    Outcome stopped = Machine::Finish(service);
+    EXPECT_EQ(stopped.status, 0) << stopped.err.toStdString();
+    EXPECT_TRUE(stopped.out.contains(QLatin1String("foldersync: stopped")));
+    Outcome now = m(QStringList{QStringLiteral("now")});
+    EXPECT_EQ(now.status, 2);
+    EXPECT_TRUE(now.err.contains(QLatin1String("no service is running")));
+}
+
 }  // namespace
