@@ -100,6 +100,13 @@ bool HostApplication::PreProcessFiles(const sync::config::FolderConfiguration& r
     }
     if (_options.allowMassDelete) return true;
 
+    // The check reads every file record of the root; a plan that deletes nothing skips it.
+    int deletions = 0;
+    for (SyncTaskType type :
+         {SyncTaskType::ServerFileDeletion, SyncTaskType::LocalFileDeletion,
+          SyncTaskType::ServerFolderDeletion, SyncTaskType::LocalFolderDeletion})
+        deletions += TasksOf(*depot, type).size();
+    if (deletions == 0) return true;
     const QVector<sync::config::FileConfiguration> known = _files->GetFilesByRootId(root.id);
     const int doomed = DoomedFiles(known, *depot);
     if (doomed > HandfulOfFiles && doomed * 2 > known.size()) {
