@@ -1,0 +1,35 @@
+#include "Sha256.h"
+
+#include <openssl/evp.h>
+
+#include <QByteArray>
+
+namespace sync {
+namespace core {
+
+struct Sha256::Context {
+    EVP_MD_CTX* ctx = EVP_MD_CTX_new();
+    ~Context() { EVP_MD_CTX_free(ctx); }
+};
+
+Sha256::Sha256() : _context(new Context) {
+    _failed = !_context->ctx || EVP_DigestInit_ex(_context->ctx, EVP_sha256(), nullptr) != 1;
+}
+
+Sha256::~Sha256() = default;
+
+void Sha256::Add(const char* data, std::size_t size) {
+    if (!_failed && size > 0) _failed = EVP_DigestUpdate(_context->ctx, data, size) != 1;
+}
+
+QString Sha256::HexResult() {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    if (_failed || EVP_DigestFinal_ex(_context->ctx, digest, &length) != 1) return QString();
+    _failed = true;  // finished: nothing more can be added
+    return QString::fromLatin1(
+        QByteArray(reinterpret_cast<const char*>(digest), static_cast<int>(length)).toHex());
+}
+
+}  // namespace core
+}  // namespace sync
