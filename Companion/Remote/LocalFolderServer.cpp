@@ -12,6 +12,7 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 #include <QUrl>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -319,6 +320,19 @@ void SplitNative(const QByteArray& native, QByteArray& parent, QByteArray& name)
     const int slash = native.lastIndexOf('/');
     parent = slash <= 0 ? QByteArray("/") : native.left(slash);
     name = native.mid(slash + 1);
+}
+
+// The name pattern CreateTemporary makes: ".<name>.<hex>.TMP".
+bool IsUploadTemporary(const char* name) {
+    const QByteArray text(name);
+    const QByteArray extension = '.' + sync::core::consts::TEMP_FILE_EXTN.toUtf8();
+    if (text.size() < 4 || text[0] != '.' || !text.endsWith(extension)) return false;
+    const QByteArray stem = text.left(text.size() - extension.size());
+    const int dot = stem.lastIndexOf('.');
+    if (dot <= 0 || dot == stem.size() - 1 || stem.size() - dot - 1 > 8) return false;
+    for (int i = dot + 1; i < stem.size(); ++i)
+        if (!std::isxdigit(static_cast<unsigned char>(stem[i]))) return false;
+    return true;
 }
 
 // A name no one else uses in the folder, created for writing; -1 with errno set.
@@ -827,6 +841,7 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
         return e.code;
     }
     const bool listHidden = root.hasSyncOption(sync::config::SyncHiddenEntries);
+    const qint64 staleBefore = QDateTime::currentSecsSinceEpoch() - 24 * 3600;
     const QByteArray tempName = sync::core::consts::TEMP_FOLDER_NAME.toUtf8();
     const QByteArray backupName = sync::core::consts::BASE_FOLDER_NAME.toUtf8();
 
@@ -874,6 +889,17 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
             }
             const char* name = entry->d_name;
             if (IsDotOrDotDot(name) || tempName == name || backupName == name) continue;
+            if (IsUploadTemporary(name)) {
+                // Never content, also where hidden entries are listed; one that no upload has
+                // touched for a day was left by a client that died.
+                struct stat st;
+                if (writable && ::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                    S_ISREG(st.st_mode) && st.st_ctim.tv_sec < staleBefore &&
+                    ::unlinkat(dirFd, name, 0) == 0)
+                    SYNC_LOG_INFO("Removed %1/%2, left by an upload that never finished", shown,
+                                  QString::fromUtf8(name));
+                continue;
+            }
             if (name[0] == '.' && !listHidden) continue;
             struct stat st;
             if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {

@@ -280,6 +280,8 @@ TEST_P(RemoteContract, HiddenEntriesOnlyWhenTheRootAsksAndNeverTheEnginesOwnFold
     backend->PutFile(QStringLiteral("/Docs/.dir/in.txt"), "3");
     backend->PutFile(QStringLiteral("/Docs/.{SyncTemp}/t.TMP"), "4");
     backend->PutFile(QStringLiteral("/Docs/.{SyncBackup}/b.BASE"), "5");
+    // What an upload that died half-way leaves: never content, hidden entries or not.
+    backend->PutFile(QStringLiteral("/Docs/.shown.txt.1f2e3d.TMP"), "6");
     const struct {
         int syncOption;
         QStringList names;
