@@ -68,6 +68,7 @@ QString ConsoleReporter::WorkText(const SyncResults& results, bool planned) {
 }
 
 void ConsoleReporter::HandleConnectionError(int errorCode) {
+    if (_beforeOutput) _beforeOutput();
     _anyError = true;
     _err << "error: no connection to the server (" << errorCode << ")\n";
     _err.flush();
@@ -76,12 +77,14 @@ void ConsoleReporter::HandleConnectionError(int errorCode) {
 void ConsoleReporter::HandleSyncingFolders() {}
 
 void ConsoleReporter::HandleFolderSyncError(QString folderAbsolutePath, long, int httpErrorCode) {
+    if (_beforeOutput) _beforeOutput();
     _anyError = true;
     _err << "error: " << folderAbsolutePath << ": " << StatusText(httpErrorCode) << "\n";
     _err.flush();
 }
 
 void ConsoleReporter::HandleFolderAuthenticationError(long folderId) {
+    if (_beforeOutput) _beforeOutput();
     _anyError = true;
     _err << "error: " << _RootPath(folderId)
          << ": the server refused the credentials; check the account's password\n";
@@ -101,6 +104,7 @@ void ConsoleReporter::HandleBeginSyncingRootFolder(long folderId, SyncResults re
         results.done(c) -= results.donePaths(c).removeAll(root);
     const QString work = WorkText(results, true);
     if (work.isEmpty()) return;
+    if (_beforeOutput) _beforeOutput();
     _out << _RootPath(folderId) << (isFirstSync ? " (first sync): " : ": ") << work << "\n";
     _out.flush();
 }
@@ -108,6 +112,7 @@ void ConsoleReporter::HandleBeginSyncingRootFolder(long folderId, SyncResults re
 void ConsoleReporter::HandleFinishedSyncingRootFolder(long folderId, SyncResults results, bool) {
     _total += results;
     if (_planOnly) return;
+    if (_beforeOutput) _beforeOutput();
     const QString work = WorkText(results, false);
     if (!work.isEmpty()) _out << _RootPath(folderId) << ": " << work << "\n";
     for (const Wording& w : kWording)
@@ -124,6 +129,7 @@ void ConsoleReporter::HandleFinishedSyncingRootFolder(long folderId, SyncResults
 }
 
 void ConsoleReporter::HandleSubFolderNameNotAllowed(QString path) {
+    if (_beforeOutput) _beforeOutput();
     _err << "skipped: " << path << ": the name is not allowed on the server\n";
     _err.flush();
 }

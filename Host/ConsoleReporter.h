@@ -3,6 +3,7 @@
 #include <QHash>
 #include <QString>
 #include <QTextStream>
+#include <functional>
 
 #include "ISyncSignalsAndSlots.h"
 #include "SyncResults.h"
@@ -32,6 +33,10 @@ public:
 
     // A trial run reports its plan only: what it "did" was pretended.
     void SetPlanOnly(bool planOnly) { _planOnly = planOnly; }
+    // Runs before every message: clears a live progress line.
+    void SetBeforeOutput(std::function<void()> beforeOutput) {
+        _beforeOutput = std::move(beforeOutput);
+    }
 
     // Everything the root folders reported as done or failed, summed.
     const sync::core::SyncResults& Total() const { return _total; }
@@ -52,6 +57,7 @@ private:
     bool _anyError = false;
     bool _finished = false;
     bool _planOnly = false;
+    std::function<void()> _beforeOutput;
 };
 
 }  // namespace host

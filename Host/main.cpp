@@ -28,6 +28,7 @@
 #include "HostLogging.h"
 #include "HostSetup.h"
 #include "LitterFilter.h"
+#include "ProgressLine.h"
 #include "Registration.h"
 #include "ScheduleEntryManager.h"
 #include "SyncLog.h"
@@ -244,6 +245,17 @@ QString StatusName(int status) {
     }
 }
 
+// A live line of the transfers on a terminal; plain reports only otherwise.
+ProgressLine* ShowProgress(HostSetup& setup, ConsoleReporter& reporter) {
+    if (!ProgressLine::OutputIsTerminal()) return nullptr;
+    auto* line = new ProgressLine(Out(), QCoreApplication::instance());
+    setup.remote->SetProgressListener([line](const QString& path, qint64 done, qint64 total) {
+        line->Report(path, done, total);
+    });
+    reporter.SetBeforeOutput([line] { line->Clear(); });
+    return line;
+}
+
 std::shared_ptr<HostApplication> MakeHost(const Arguments& a, HostSetup& setup) {
     HostApplication::Options options;
     options.dryRun = a.dryRun;
@@ -305,6 +317,7 @@ int RunSync(const Arguments& a, HostSetup& setup) {
 
     QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(rootPaths, Out(), Err()));
     reporter->SetPlanOnly(a.dryRun);
+    ProgressLine* progress = ShowProgress(setup, *reporter);
     CycleThread thread(factory, reporter, setup.configuration);
     // The host application answers the engine on the cycle's thread.
     host->moveToThread(&thread);
@@ -315,6 +328,7 @@ int RunSync(const Arguments& a, HostSetup& setup) {
     QCoreApplication::exec();
     thread.wait();
     QCoreApplication::sendPostedEvents();
+    if (progress) progress->Clear();
 
     if (!thread.error.isEmpty()) return Fail(thread.error, Errors);
     if (a.dryRun) {
@@ -348,6 +362,7 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
     auto factory = std::make_shared<sync::syncService::SynchronizationServiceFactory>(
         MakeCompanions(setup, host));
     QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(RootPaths(setup), Out(), Err()));
+    ProgressLine* progress = ShowProgress(setup, *reporter);
     auto scheduleManager = std::make_shared<sync::syncService::SyncScheduleManager>(
         setup.configuration,
         std::make_shared<sync::database::ScheduleEntryManager>(setup.database));
@@ -382,6 +397,7 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
     QCoreApplication::exec();
     thread.wait();
     QCoreApplication::sendPostedEvents();
+    if (progress) progress->Clear();
     if (!failure.isEmpty())
         return Fail(QStringLiteral("the service stopped: %1").arg(failure), Errors);
     Out() << "foldersync: stopped\n";

@@ -17,6 +17,7 @@
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <functional>
 #include <vector>
 
 #include "CryptographicHash.h"
@@ -292,7 +293,10 @@ bool WriteAll(int fd, const char* data, std::size_t size) {
 
 // Copies in to out to the end, hashing what passes; the bytes copied, or -1 with readError or
 // writeError set, so that the caller knows which side failed.
-qint64 CopyHashing(int in, int out, sync::core::Sha256& hash, int& readError, int& writeError) {
+// afterBlock (when given) hears the bytes copied so far after every block and answers false to
+// stop the copy (readError ECANCELED).
+qint64 CopyHashing(int in, int out, sync::core::Sha256& hash, int& readError, int& writeError,
+                   const std::function<bool(qint64)>& afterBlock = {}) {
     // One buffer per thread, never zero-filled: clearing a megabyte per file cost a thousand
     // times the copy of a small file.
     thread_local const std::unique_ptr<char[]> block(new char[kCopyBlockSize]);
@@ -312,6 +316,10 @@ qint64 CopyHashing(int in, int out, sync::core::Sha256& hash, int& readError, in
             return -1;
         }
         total += n;
+        if (afterBlock && !afterBlock(total)) {
+            readError = ECANCELED;
+            return -1;
+        }
     }
 }
 
@@ -427,6 +435,13 @@ bool KeepConflictCopy(int dirFd, const QByteArray& name, const struct stat& vers
 }
 
 }  // namespace
+
+std::function<bool(qint64)> LocalFolderServer::_Transfer(const QString& path, qint64 size) const {
+    return [this, path, size](qint64 done) {
+        if (_progress) _progress(path, done, size);
+        return !(_exitChecker && _exitChecker->ShouldExit());
+    };
+}
 
 void LocalFolderServer::_StoreRecord(File& record) {
     if (!_database) return;
@@ -567,7 +582,8 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
 
     sync::core::Sha256 hash;
     int readError = 0, writeError = 0;
-    const qint64 total = CopyHashing(local.fd, out.fd, hash, readError, writeError);
+    const qint64 total = CopyHashing(local.fd, out.fd, hash, readError, writeError,
+                                     _Transfer(f.localPath, qint64(before.st_size)));
     if (total < 0) {
         if (writeError != 0) status = StatusOf(writeError);
         SYNC_LOG_WARN("Copying %1 to the server broke off: %2", f.localPath,
@@ -685,7 +701,8 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
 
     sync::core::Sha256 hash;
     int readError = 0, writeError = 0;
-    const qint64 total = CopyHashing(source.fd, out.fd, hash, readError, writeError);
+    const qint64 total = CopyHashing(source.fd, out.fd, hash, readError, writeError,
+                                     _Transfer(target, qint64(announced.st_size)));
     if (total < 0) {
         if (readError != 0) status = StatusOf(readError);
         SYNC_LOG_WARN("Copying %1 from the server broke off: %2", target,

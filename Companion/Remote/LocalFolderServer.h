@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <QString>
+#include <functional>
 #include <memory>
 
 #include "RemoteBackend.h"
@@ -43,6 +44,9 @@ public:
     }
     void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) override {
         _exitChecker = std::move(exitChecker);
+    }
+    void SetProgressListener(ProgressListener listener) override {
+        _progress = std::move(listener);
     }
 
     // Throw HttpException(401) for an account other than the one served.
@@ -98,11 +102,14 @@ private:
     bool _Download(sync::thread::SynchronizedFileConfiguration& pair, const QString& target,
                    const Folder& root, int& status);
     void _StoreRecord(File& record);
+    // What a copy calls after every block: the progress report and the stop request.
+    std::function<bool(qint64)> _Transfer(const QString& path, qint64 size) const;
 
     QString _directory;
     int _authenticationId;
     std::shared_ptr<sync::interf::IFileConfigManager> _database;
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
+    ProgressListener _progress;
 };
 
 }  // namespace remote

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QString>
+#include <functional>
 #include <memory>
 
 #include "ICheckForExit.h"
@@ -36,6 +37,12 @@ public:
     virtual void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) = 0;
     // A stop request ends long transfers promptly; without a checker transfers run to the end.
     virtual void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) = 0;
+
+    // Hears a transfer's progress: the local path, the bytes done and the bytes in all; once at
+    // least per file, the last time with done equal to total. Called on the transferring
+    // thread.
+    using ProgressListener = std::function<void(const QString& path, qint64 done, qint64 total)>;
+    virtual void SetProgressListener(ProgressListener listener) { (void)listener; }
 
     // The name under which a server version that an upload is about to replace unseen is kept:
     // "report (conflict 2026-11-23 221502).txt", with " 2", " 3"... before the extension when

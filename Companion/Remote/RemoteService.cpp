@@ -54,6 +54,11 @@ void RemoteService::SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> 
     for (auto& entry : _backends) entry.backend->SetExitChecker(_exitChecker);
 }
 
+void RemoteService::SetProgressListener(RemoteBackend::ProgressListener listener) {
+    _progress = std::move(listener);
+    for (auto& entry : _backends) entry.backend->SetProgressListener(_progress);
+}
+
 std::shared_ptr<RemoteBackend> RemoteService::_Backend(const ServerConfiguration& account) {
     auto it = _backends.find(account.id);
     // A changed account (a new URL or user) gets a new backend: the old one's connections and
@@ -64,6 +69,7 @@ std::shared_ptr<RemoteBackend> RemoteService::_Backend(const ServerConfiguration
     entry.backend = _makeBackend(account, _passwords);
     entry.backend->SetDatabase(_files);
     entry.backend->SetExitChecker(_exitChecker);
+    entry.backend->SetProgressListener(_progress);
     _backends.insert(account.id, entry);
     return entry.backend;
 }

@@ -44,6 +44,7 @@ public:
     static QString KindOf(const QString& url);
 
     void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker);
+    void SetProgressListener(RemoteBackend::ProgressListener listener);
 
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
         int authenticationId) override;
@@ -76,6 +77,7 @@ private:
     std::shared_ptr<sync::interf::IServerConfigManager> _accounts;
     std::shared_ptr<sync::interf::IFileConfigManager> _files;
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
+    RemoteBackend::ProgressListener _progress;
     PasswordSource _passwords;
     BackendMaker _makeBackend;
     QHash<int, Entry> _backends;
