@@ -27,10 +27,10 @@
 #include "HostApplication.h"
 #include "HostLogging.h"
 #include "HostSetup.h"
-#include "LitterFilter.h"
 #include "ProgressLine.h"
 #include "Registration.h"
 #include "ScheduleEntryManager.h"
+#include "SyncIgnoreFilter.h"
 #include "SyncLog.h"
 #include "SyncMetaTypes.h"
 #include "SyncScheduleManager.h"
@@ -187,13 +187,16 @@ void InstallStopSignals(QObject* parent) {
 // Only the chosen root folders take part in the cycle.
 class SelectedRoots : public sync::interf::IFolderFilter {
 public:
-    explicit SelectedRoots(QSet<int> ids) : _ids(std::move(ids)) {}
+    // next, when given, is asked about the chosen roots only, right before each is synced.
+    SelectedRoots(QSet<int> ids, std::shared_ptr<sync::interf::IFolderFilter> next)
+        : _ids(std::move(ids)), _next(std::move(next)) {}
     bool IsRootFolderIncluded(const sync::config::FolderConfiguration& root) override {
-        return _ids.contains(root.id);
+        return _ids.contains(root.id) && (!_next || _next->IsRootFolderIncluded(root));
     }
 
 private:
     QSet<int> _ids;
+    std::shared_ptr<sync::interf::IFolderFilter> _next;
 };
 
 // Runs one cycle of the engine on its own thread, as the service would.
@@ -266,9 +269,12 @@ std::shared_ptr<HostApplication> MakeHost(const Arguments& a, HostSetup& setup) 
 sync::syncService::SynchronizationServiceFactory::Companions MakeCompanions(
     HostSetup& setup, std::shared_ptr<HostApplication> host) {
     auto companions = setup.Companions();
-    auto filter = std::make_shared<LitterFilter>();
+    auto filter = std::make_shared<SyncIgnoreFilter>();
     companions.fileFilter = filter;
     companions.folderFilter = filter;
+    // Asked about each root right before it is synced: that is how the filter learns whose
+    // .syncignore applies.
+    companions.rootFolderFilter = filter;
     companions.hostApplication = std::move(host);
     return companions;
 }
@@ -302,7 +308,7 @@ int RunSync(const Arguments& a, HostSetup& setup) {
     const QHash<long, QString> rootPaths = RootPaths(setup);
     auto host = MakeHost(a, setup);
     auto companions = MakeCompanions(setup, host);
-    companions.rootFolderFilter = std::make_shared<SelectedRoots>(ids);
+    companions.rootFolderFilter = std::make_shared<SelectedRoots>(ids, companions.rootFolderFilter);
     if (a.dryRun) {
         // Reads the real server, writes nothing to it.
         auto remote = std::make_shared<DryRunRemote>(setup.remote);

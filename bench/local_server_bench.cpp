@@ -20,10 +20,10 @@
 
 #include "CoreFactory.h"
 #include "HostSetup.h"
-#include "LitterFilter.h"
 #include "LocalEntryInfoTreeRetriever.h"
 #include "LocalFolderServer.h"
 #include "Registration.h"
+#include "SyncIgnoreFilter.h"
 #include "SyncLog.h"
 #include "SyncMetaTypes.h"
 #include "SynchronizationServiceFactory.h"
@@ -55,9 +55,10 @@ bool MakeTree(const QString& root, int folders, int filesPerFolder, int bytes) {
 
 double Cycle(sync::host::HostSetup& setup, sync::core::SyncResults& total) {
     auto companions = setup.Companions();
-    auto filter = std::make_shared<sync::host::LitterFilter>();
+    auto filter = std::make_shared<sync::host::SyncIgnoreFilter>();
     companions.fileFilter = filter;
     companions.folderFilter = filter;
+    companions.rootFolderFilter = filter;
     sync::syncService::SynchronizationServiceFactory factory(companions);
     QElapsedTimer timer;
     timer.start();
@@ -112,7 +113,7 @@ int main(int argc, char* argv[]) {
     // The server listing against the engine's local walk, best of three each.
     sync::config::FolderConfiguration root = setup.folders->GetFolderById(rootId);
     auto backend = setup.remote->Backend(root.authenticationId);
-    auto filter = std::make_shared<sync::host::LitterFilter>();
+    auto filter = std::make_shared<sync::host::SyncIgnoreFilter>();
     sync::syncService::LocalEntryInfoTreeRetriever walker(
         setup.folders, setup.files, std::make_shared<sync::factory::CoreFactory>(), filter, filter);
     double listing = 1e9, walk = 1e9;

@@ -291,6 +291,35 @@ TEST(FoldersyncCli, LitterAndHiddenFilesStayLocal) {
     EXPECT_EQ(Machine::Tree(m.Local()).size(), 4);
 }
 
+TEST(FoldersyncCli, SyncIgnorePatternsKeepEntriesOnTheirSide) {
+    Machine m;
+    Machine::Write(m.Local(QStringLiteral(".syncignore")), "# scratch\n*.tmp\nbuild/\n");
+    Machine::Write(m.Local(QStringLiteral("a.txt")), "a");
+    Machine::Write(m.Local(QStringLiteral("scratch.tmp")), "local scratch");
+    Machine::Write(m.Local(QStringLiteral("build/out.o")), "object");
+    Machine::Write(m.Server(QStringLiteral("sub/server.tmp")), "server scratch");
+    ASSERT_EQ(m.Sync().status, 0);
+    EXPECT_EQ(Machine::Tree(m.Server()),
+              (QStringList{"/a.txt a", "/sub/", "/sub/server.tmp server scratch"}));
+    EXPECT_FALSE(QFileInfo::exists(m.Local(QStringLiteral("sub/server.tmp"))));
+
+    // Left out is left alone: deleting an ignored file on one side deletes nothing on the other.
+    QFile::remove(m.Local(QStringLiteral("scratch.tmp")));
+    Machine::Write(m.Local(QStringLiteral("scratch.tmp")), "again");
+    QFile::remove(m.Server(QStringLiteral("sub/server.tmp")));
+    Machine::Write(m.Server(QStringLiteral("sub/server.tmp")), "again");
+    ASSERT_EQ(m.Sync().status, 0);
+
+    // A pattern taken out lets its entries sync from the next run on.
+    Machine::Write(m.Local(QStringLiteral(".syncignore")), "build/\n");
+    ASSERT_EQ(m.Sync().status, 0);
+    EXPECT_EQ(Machine::Tree(m.Server()),
+              (QStringList{"/a.txt a", "/scratch.tmp again", "/sub/", "/sub/server.tmp again"}));
+    EXPECT_EQ(Machine::Tree(m.Local()),
+              (QStringList{"/.syncignore build/\n", "/a.txt a", "/build/", "/build/out.o object",
+                           "/scratch.tmp again", "/sub/", "/sub/server.tmp again"}));
+}
+
 TEST(FoldersyncCli, ADatabaseInUseIsRefusedNamingItsHolder) {
     Machine m;
     ASSERT_EQ(m(QStringList{QStringLiteral("list")}).status, 0);
