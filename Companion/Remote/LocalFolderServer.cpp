@@ -12,6 +12,7 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 #include <QUrl>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstdio>
@@ -142,6 +143,13 @@ int PrivilegesOf(int dirFd, const char* name, bool isFolder, bool folderWritable
 }
 
 QString PrivilegeInfo(int privileges) {
+    // Asked for every listed entry with one of a few values: one shared text per value.
+    static const auto texts = [] {
+        std::array<QString, 32> all;
+        for (int i = 0; i < 32; ++i) all[std::size_t(i)] = QStringLiteral("privileges %1").arg(i);
+        return all;
+    }();
+    if (privileges >= 0 && privileges < 32) return texts[std::size_t(privileges)];
     return QStringLiteral("privileges %1").arg(privileges);
 }
 
