@@ -79,8 +79,7 @@ public:
     }
     bool MakeUnreadable(const QString&) override { return false; }
     bool Departs(const std::string& rule) const override {
-        return rule == kHiddenEntries || rule == kFolderBelowFile || rule == kUnseenVersions ||
-               rule == kLocalEdits;
+        return rule == kHiddenEntries || rule == kFolderBelowFile;
     }
 
 private:

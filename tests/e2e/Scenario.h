@@ -18,6 +18,7 @@
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
 #include "ServerConfigManager.h"
+#include "ServerSide.h"
 #include "SyncResults.h"
 
 namespace sync {
@@ -36,10 +37,11 @@ struct Cycle {
     QString ErrorCodes() const;
 };
 
-// One root folder, synchronised whole, between a temporary local folder and the fake server,
-// with a temporary configuration database (the real managers, installed for transactions) and
-// the fake core services. A test seeds both sides, changes either, runs a cycle of the real
-// Synchronizer and compares a listing of everything with the text it expects.
+// One root folder, synchronised whole, between a temporary local folder and a server (the fake
+// unless the scenario is given another ServerSide), with a temporary configuration database (the
+// real managers, installed for transactions) and the fake core services. A test seeds both sides,
+// changes either, runs a cycle of the real Synchronizer and compares a listing of everything with
+// the text it expects.
 //
 // The root is /Docs on the server and <tmp>/local/Docs on the disk. Listings and reports show a
 // local path as the matching server path (/Docs/a.txt), so that both sides read alike; paths
@@ -59,6 +61,7 @@ public:
     };
 
     Scenario();
+    explicit Scenario(std::unique_ptr<ServerSide> server);
     ~Scenario();
     Scenario(const Scenario&) = delete;
     Scenario& operator=(const Scenario&) = delete;
@@ -84,7 +87,10 @@ public:
     // Runs SQL on the database file through a connection of its own (to plant a fault).
     void ExecSql(const char* sql);
 
-    FakeServer& Server() { return *_server; }
+    // Injected faults and the fake's switches: only the fake has them. Cases that need them
+    // skip on other backends (OnFakeServer); on those Server() throws std::logic_error.
+    FakeServer& Server();
+    bool OnFakeServer() const { return _server->Fake() != nullptr; }
     FakeCore& Core() { return *_core; }
     sync::database::FolderConfigManager& Folders() { return *_folders; }
     sync::database::FileConfigManager& Files() { return *_files; }
@@ -100,7 +106,8 @@ public:
     // Sorted lines: the local disk (`local /Docs/a.txt "hello"`, `local /Docs/sub/`), the
     // server (`server /Docs/a.txt v1 "hello"`), the trash (`trash a.txt "hello"`), the database
     // (`db root /Docs Synchronized`, `db folder ...`, `db file /Docs/a.txt v1 Synchronized`) and
-    // the plan of the last cycle.
+    // the plan of the last cycle. The time in a conflict copy's name is shown as "…"
+    // (`a (conflict …).txt`), since it is the time of the run.
     QStringList Listing();
     // The listing equals the expected lines (one per line, any order, blank lines ignored);
     // otherwise the failure shows what is missing, what is unexpected and the whole listing.
@@ -124,7 +131,7 @@ private:
     QString _localBase;
     std::shared_ptr<FakeCore> _core;
     std::unique_ptr<InstalledCore> _installedCore;
-    std::shared_ptr<FakeServer> _server;
+    std::unique_ptr<ServerSide> _server;
     std::shared_ptr<Filter> _filter;
     std::shared_ptr<sync::database::ConfigDatabase> _db;
     std::shared_ptr<sync::database::FolderConfigManager> _folders;

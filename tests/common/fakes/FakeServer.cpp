@@ -254,10 +254,33 @@ Results FakeServer::UploadFiles(const sync::config::ServerConfiguration&, const 
             r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
             continue;
         }
-        // Only the references of a file whose content is already there are settled.
-        const bool referencesOnly = f.referencesOnly && existing && existing->content == content;
+        // Content the server holds already (both sides made the same change) is only settled.
+        const bool same = existing && existing->content == content;
+        if (!same) {
+            // Only what the engine has seen is replaced: nothing for a new file, else the
+            // version the record names.
+            const QString versionId = f.properties.value(QStringLiteral("versionId"));
+            const bool seen = f.serverFileId.isEmpty()
+                                  ? !existing
+                                  : existing && existing->id == f.serverFileId &&
+                                        (versionId.isEmpty() || versionId == existing->versionId);
+            if (!seen) {
+                f.syncStatus = FileSynchronizationStatus::OutOfSync;
+                _StoreRecord(f);
+                r.CountFailure(Results::FileServerCreation, ShownPath(f),
+                               sync::http::PreconditionFailed);
+                continue;
+            }
+            // A version this client never synchronised is kept before it is replaced.
+            if (existing && _database && f.id > 0) {
+                const QString synchronised =
+                    _database->GetFileById(f.id).properties.value(QStringLiteral("versionId"));
+                if (!synchronised.isEmpty() && synchronised != existing->versionId)
+                    _KeepConflictCopy(Entry(*existing));
+            }
+        }
         Entry& entry = _Put(path, false, sync::config::PrivilegeAll);
-        if (!referencesOnly) _Write(entry, content);
+        if (!same) _Write(entry, content);
         f.serverFileId = entry.id;
         f.serverChecksum = reportsHashes ? Hash(content) : QString();
         f.properties.insert(QStringLiteral("version"), QString::number(entry.version));
@@ -292,6 +315,10 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
         const Entry* entry = Find(path);
         if (status == 0 && (!entry || entry->isFolder)) status = sync::http::NotFound;
         if (status == 0 && !(entry->privileges & PrivilegeDownload)) status = sync::http::Forbidden;
+        // The user's edit made since planning is not overwritten; nothing is transferred.
+        const bool refused =
+            status == 0 && !_MayReplace(target, pair.databaseRecord, entry->content);
+        if (refused) status = sync::http::Conflict;
 
         const QString temporary = sync::core::QFileWrapper(target).GetTemporaryFile(root.localPath);
         auto writeTemporary = [&](const QByteArray& content, const QDateTime& modified) {
@@ -300,7 +327,8 @@ Results FakeServer::DownloadFiles(const sync::config::ServerConfiguration&, cons
         };
         bool stored = false;
         if (status != 0) {
-            if (entry) writeTemporary(entry->content.left(entry->content.size() / 2), {});
+            if (entry && !refused)
+                writeTemporary(entry->content.left(entry->content.size() / 2), {});
         } else if (QFileInfo(QFileInfo(target).absolutePath()).isDir() &&
                    writeTemporary(entry->content, entry->modified)) {
             stored = std::rename(QFile::encodeName(temporary).constData(),
@@ -403,6 +431,44 @@ void FakeServer::_Write(Entry& entry, const QByteArray& content) {
     ++entry.version;
     entry.versionId = QStringLiteral("vid-%1").arg(++_lastVersionId);
     entry.modified = QDateTime::fromSecsSinceEpoch(kEpochSeconds + ++_clock, Qt::UTC);
+}
+
+void FakeServer::_KeepConflictCopy(const Entry& entry) {
+    const QDateTime now = QDateTime::fromSecsSinceEpoch(kEpochSeconds + _clock, Qt::UTC);
+    const QString folder = _Parent(entry.path);
+    const QString name = entry.path.section(QLatin1Char('/'), -1);
+    QString path;
+    for (int attempt = 1; path.isEmpty() || Find(path); ++attempt)
+        path = folder + QLatin1Char('/') + ConflictCopyName(name, now, attempt);
+    Entry& copy = _Put(path, false, entry.privileges);
+    _Write(copy, entry.content);
+    copy.modified = entry.modified;
+}
+
+bool FakeServer::_MayReplace(const QString& target, File& record, const QByteArray& content) {
+    const QFileInfo local(target);
+    if (!local.exists()) return true;
+    QFile file(target);
+    const QByteArray bytes =
+        local.isFile() && file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    if (local.isFile() && bytes == content) return true;
+    // Time stamps count in whole seconds: an edit of the same size within the second of the
+    // last sync only shows in the content.
+    const bool stampAsRecorded =
+        local.isFile() && record.lastModified.isValid() && local.size() == record.size &&
+        local.lastModified().toSecsSinceEpoch() == record.lastModified.toSecsSinceEpoch();
+    if (stampAsRecorded && (record.checksum.isEmpty() || Hash(bytes) == record.checksum))
+        return true;
+    if (stampAsRecorded) record.lastModified = QDateTime();
+    return false;
+}
+
+QString FakeServer::ConflictCopyName(const QString& name, const QDateTime& when, int attempt) {
+    int dot = name.lastIndexOf(QLatin1Char('.'));
+    if (dot <= 0) dot = name.size();  // no extension, or a name that begins with a dot
+    QString tag = when.toString(QStringLiteral("yyyy-MM-dd HHmmss"));
+    if (attempt > 1) tag += QLatin1Char(' ') + QString::number(attempt);
+    return name.left(dot) + QStringLiteral(" (conflict ") + tag + QLatin1Char(')') + name.mid(dot);
 }
 
 void FakeServer::_StoreRecord(File& record) {

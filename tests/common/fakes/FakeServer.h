@@ -27,6 +27,13 @@ namespace test {
 // written. Uploads read the local disk, downloads write it (through a temporary file renamed
 // into place), and the server refuses what an entry's privileges refuse (403).
 //
+// Transfers keep what the real backends keep: content the server already holds is never written
+// again (the record is only settled); an upload replaces only the version its record names, and
+// a new file only where no file is (412 otherwise); an upload over a version the database record
+// does not name (both sides changed the file) first keeps that version beside it under
+// ConflictCopyName; a download refuses (409) to replace a local file that is not as its database
+// record describes it (size, whole-second time and checksum) unless it holds the same content.
+//
 // Listings fill every field the tree retrievers and the differs read: localPath (the root's
 // localPath followed by the path below the root), serverPath, name, size, serverFileId or
 // serverFolderId, serverChecksum (SHA-256 as lower-case hex, unless reportsHashes is off),
@@ -135,6 +142,10 @@ public:
     // Calls that checked key so far.
     int Calls(const QString& key) const { return _faults.Calls(key); }
 
+    // "a (conflict 2023-11-14 221320).txt": the name under which an upload keeps the version it
+    // replaces unseen, as the real backends name it; " 2", " 3"... follow the time when taken.
+    static QString ConflictCopyName(const QString& name, const QDateTime& when, int attempt = 1);
+
     // Content as the listings show it: quoted, bytes outside printable ASCII as \xNN, long
     // content cut short with its size.
     static QString ContentText(const QByteArray& content);
@@ -147,6 +158,12 @@ private:
     int _Fault(const QString& operation, const QString& path);
     Entry& _Put(const QString& path, bool isFolder, int privileges);
     void _Write(Entry& entry, const QByteArray& content);
+    // Keeps a copy of the file's current version beside it under a conflict name.
+    void _KeepConflictCopy(const Entry& entry);
+    // Whether a download may replace the local file at target: missing, as the record describes
+    // it, or holding the content already. Clears the record's time when only the content tells
+    // the edit, so that the next cycle hashes the file and finds it.
+    static bool _MayReplace(const QString& target, File& record, const QByteArray& content);
     static QString _Parent(const QString& path);
     // Entries below the root (direct children only when directOnly), in path order.
     QList<const Entry*> _Below(const QString& rootPath, bool directOnly) const;
