@@ -2,6 +2,7 @@
 
 #include <QFile>
 #include <QProcessEnvironment>
+#include <algorithm>
 
 #include "CoreFactory.h"
 #include "DatabaseActionLog.h"
@@ -14,6 +15,21 @@ namespace {
 class NoCustomUpdate : public sync::interf::ICustomFileConfigUpdater {
 public:
     void UpdateFileConfig(sync::config::FileConfiguration&) override {}
+};
+
+class ServerAwareConfiguration : public sync::interf::ISyncConfiguration {
+public:
+    ServerAwareConfiguration(std::shared_ptr<sync::database::SyncConfiguration> stored,
+                             std::shared_ptr<sync::remote::RemoteService> remote)
+        : _stored(std::move(stored)), _remote(std::move(remote)) {}
+    int GetSyncInterval() override { return _stored->GetSyncInterval(); }
+    int GetTooManyRequestsHoldSeconds() override {
+        return std::max(_stored->GetTooManyRequestsHoldSeconds(), _remote->RetryAfterSeconds());
+    }
+
+private:
+    std::shared_ptr<sync::database::SyncConfiguration> _stored;
+    std::shared_ptr<sync::remote::RemoteService> _remote;
 };
 
 }  // namespace
@@ -30,6 +46,7 @@ HostSetup::HostSetup(const QString& databasePath, bool readOnly) {
     configuration = std::make_shared<sync::database::SyncConfiguration>(database);
     remote = std::make_shared<sync::remote::RemoteService>(serverConfigs, files, &PasswordOf);
     remote->SetExitChecker(sync::factory::CoreFactory::ExitChecker());
+    engineConfiguration = std::make_shared<ServerAwareConfiguration>(configuration, remote);
     if (!readOnly)
         sync::factory::CoreFactory::SetActionLog(
             std::make_shared<sync::database::DatabaseActionLog>(database));

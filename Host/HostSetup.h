@@ -38,6 +38,9 @@ public:
     std::shared_ptr<sync::database::AuthenticationConfigManager> accounts;
     std::shared_ptr<sync::database::ServerConfigManager> serverConfigs;
     std::shared_ptr<sync::database::SyncConfiguration> configuration;
+    // The settings the engine reads: the database's, with the hold after a 429 at least as
+    // long as any server asked for (Retry-After).
+    std::shared_ptr<sync::interf::ISyncConfiguration> engineConfiguration;
     std::shared_ptr<sync::remote::RemoteService> remote;
 
     // What the engine's factory needs; the host adds its filters and its application.

@@ -324,7 +324,7 @@ int RunSync(const Arguments& a, HostSetup& setup) {
     QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(rootPaths, Out(), Err()));
     reporter->SetPlanOnly(a.dryRun);
     ProgressLine* progress = ShowProgress(setup, *reporter);
-    CycleThread thread(factory, reporter, setup.configuration);
+    CycleThread thread(factory, reporter, setup.engineConfiguration);
     // The host application answers the engine on the cycle's thread.
     host->moveToThread(&thread);
     QObject::connect(&thread, &QThread::finished, QCoreApplication::instance(),
@@ -370,7 +370,7 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
     QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(RootPaths(setup), Out(), Err()));
     ProgressLine* progress = ShowProgress(setup, *reporter);
     auto scheduleManager = std::make_shared<sync::syncService::SyncScheduleManager>(
-        setup.configuration,
+        setup.engineConfiguration,
         std::make_shared<sync::database::ScheduleEntryManager>(setup.database));
 
     ControlChannel control(dbPath);
@@ -382,8 +382,8 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
 
     QThread thread;
     auto* service = new sync::syncService::SynchronizationService(
-        setup.configuration, host, sync::factory::CoreFactory::ExitChecker(), factory, reporter,
-        scheduleManager);
+        setup.engineConfiguration, host, sync::factory::CoreFactory::ExitChecker(), factory,
+        reporter, scheduleManager);
     host->moveToThread(&thread);
     service->moveToThread(&thread);
     QString failure;

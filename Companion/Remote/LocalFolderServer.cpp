@@ -340,15 +340,7 @@ void SplitNative(const QByteArray& native, QByteArray& parent, QByteArray& name)
 
 // The name pattern CreateTemporary makes: ".<name>.<hex>.TMP".
 bool IsUploadTemporary(const char* name) {
-    const QByteArray text(name);
-    const QByteArray extension = '.' + sync::core::consts::TEMP_FILE_EXTN.toUtf8();
-    if (text.size() < 4 || text[0] != '.' || !text.endsWith(extension)) return false;
-    const QByteArray stem = text.left(text.size() - extension.size());
-    const int dot = stem.lastIndexOf('.');
-    if (dot <= 0 || dot == stem.size() - 1 || stem.size() - dot - 1 > 8) return false;
-    for (int i = dot + 1; i < stem.size(); ++i)
-        if (!std::isxdigit(static_cast<unsigned char>(stem[i]))) return false;
-    return true;
+    return name[0] == '.' && RemoteBackend::IsUploadTemporaryName(QString::fromUtf8(name));
 }
 
 // A name no one else uses in the folder, created for writing; -1 with errno set.

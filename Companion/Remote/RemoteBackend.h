@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QString>
+#include <QStringView>
 #include <functional>
 #include <memory>
 
@@ -43,6 +44,27 @@ public:
     // thread.
     using ProgressListener = std::function<void(const QString& path, qint64 done, qint64 total)>;
     virtual void SetProgressListener(ProgressListener listener) { (void)listener; }
+    // The seconds the server asked to be left alone with its last 429 or 503 (Retry-After);
+    // -1 when it never did.
+    virtual int RetryAfterSeconds() const { return -1; }
+
+    // The name of an upload's temporary file in a server folder, as the local-folder server
+    // writes it: ".<name>.<1 to 8 hex digits>.TMP". Never content for any backend, since one
+    // folder may be served both as a local folder and over WebDAV.
+    static bool IsUploadTemporaryName(QStringView name) {
+        const QLatin1String extension(".TMP");
+        if (name.size() < 4 || name.at(0) != QLatin1Char('.') || !name.endsWith(extension))
+            return false;
+        const QStringView stem = name.left(name.size() - extension.size());
+        const int dot = int(stem.lastIndexOf(QLatin1Char('.')));
+        if (dot <= 0 || dot == stem.size() - 1 || stem.size() - dot - 1 > 8) return false;
+        for (int i = dot + 1; i < stem.size(); ++i) {
+            const char16_t c = stem.at(i).unicode();
+            if (!((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
+                return false;
+        }
+        return true;
+    }
 
     // The name under which a server version that an upload is about to replace unseen is kept:
     // "report (conflict 2026-11-23 221502).txt", with " 2", " 3"... before the extension when

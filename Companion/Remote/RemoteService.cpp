@@ -1,10 +1,12 @@
 #include "RemoteService.h"
 
 #include <QUrl>
+#include <algorithm>
 
 #include "HttpException.h"
 #include "LocalFolderServer.h"
 #include "SyncCodes.h"
+#include "WebDavServer.h"
 
 namespace sync {
 namespace remote {
@@ -37,12 +39,14 @@ QString RemoteService::KindOf(const QString& url) {
 
 std::shared_ptr<RemoteBackend> RemoteService::MakeBackend(const ServerConfiguration& account,
                                                           const PasswordSource& passwords) {
-    (void)passwords;
     const QString kind = KindOf(account.baseUrl);
     if (kind == QLatin1String("local")) {
         const QString directory = LocalFolderServer::DirectoryOf(account);
         return std::make_shared<LocalFolderServer>(directory, account.id);
     }
+    if (kind == QLatin1String("webdav"))
+        return std::make_shared<WebDavServer>(account, passwords ? passwords(account) : QString(),
+                                              account.id);
     // Only the scheme is named: the URL may carry credentials.
     throw HttpException(sync::http::BadRequest,
                         QStringLiteral("No server backend for URLs of scheme \"%1\"")
@@ -57,6 +61,13 @@ void RemoteService::SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> 
 void RemoteService::SetProgressListener(RemoteBackend::ProgressListener listener) {
     _progress = std::move(listener);
     for (auto& entry : _backends) entry.backend->SetProgressListener(_progress);
+}
+
+int RemoteService::RetryAfterSeconds() const {
+    int seconds = -1;
+    for (const auto& entry : _backends)
+        seconds = std::max(seconds, entry.backend->RetryAfterSeconds());
+    return seconds;
 }
 
 std::shared_ptr<RemoteBackend> RemoteService::_Backend(const ServerConfiguration& account) {

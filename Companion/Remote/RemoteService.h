@@ -45,6 +45,8 @@ public:
 
     void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker);
     void SetProgressListener(RemoteBackend::ProgressListener listener);
+    // The longest wait any server asked for (Retry-After of a 429 or 503); -1 when none did.
+    int RetryAfterSeconds() const;
 
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
         int authenticationId) override;

@@ -56,7 +56,11 @@ enum Status {
     PreconditionFailed = 412,
     Locked = 423,
     TooManyRequests = sync::core::consts::HTTP_TOO_MANY_REQUESTS,
+    // Not an answer of the server: the server's certificate is not trusted.
+    CertificateNotTrusted = 495,
     InternalServerError = 500,
+    // No usable answer: the connection broke off or the answer was malformed.
+    BadGateway = 502,
     ServiceUnavailable = 503,
     InsufficientStorage = 507,
 };

@@ -13,10 +13,12 @@
 #include <functional>
 #include <iostream>
 
+#include "ApacheServer.h"
 #include "FakeConfigStore.h"
 #include "FakeServer.h"
 #include "HttpException.h"
 #include "LocalFolderServer.h"
+#include "WebDavServer.h"
 
 namespace {
 
@@ -52,6 +54,8 @@ public:
     virtual bool MakeUnreadable(const QString& path) = 0;
     // Known departures of a backend from the contract, by name: its cases skip, saying so.
     virtual bool Departs(const std::string& rule) const { return rule.empty(); }
+    // False, with the reason, when the backend cannot run on this machine.
+    virtual bool Usable(std::string*) const { return true; }
 };
 
 class FakeBackend : public Backend {
@@ -131,6 +135,87 @@ private:
     QStringList _locked;
 };
 
+// A WebDAV server: one Apache for the whole program, each backend in a fresh folder of it, which
+// the account's base URL names. Seeds go straight into that folder on the disk.
+class DavBackend : public Backend {
+public:
+    DavBackend() {
+        if (!Apache()) return;
+        static int folders = 0;
+        const QString name = QStringLiteral("/t%1").arg(++folders);
+        _top = Apache()->DocumentRoot() + name;
+        QDir().mkpath(_top);
+        Apache()->HandOver(_top);
+        sync::config::ServerConfiguration account;
+        account.kind = QStringLiteral("webdav");
+        account.baseUrl = Apache()->Url() + name;
+        _server = std::make_shared<sync::remote::WebDavServer>(account, QString());
+    }
+    ~DavBackend() override {
+        for (const QString& path : _locked) ::chmod(QFile::encodeName(path).constData(), 0700);
+    }
+    bool Usable(std::string* why) const override {
+        if (Apache()) return true;
+        *why = "no WebDAV server: " + Unavailable().toStdString();
+        return false;
+    }
+    std::shared_ptr<sync::interf::IRemoteFolderManager> Folders() override {
+        return _server->CreateRemoteFolderManager(kAccount);
+    }
+    std::shared_ptr<sync::interf::IRemoteFileManager> Files() override {
+        return _server->CreateRemoteFileManager(kAccount);
+    }
+    void PutFolder(const QString& path) override {
+        ASSERT_TRUE(QDir().mkpath(_top + path));
+        Apache()->HandOver(_top + path);
+    }
+    void PutFile(const QString& path, const QByteArray& content) override {
+        ASSERT_TRUE(Apache()->Put(_top + path, content));
+    }
+    void Remove(const QString& path) override {
+        QDir(_top + path).removeRecursively();
+        QFile::remove(_top + path);
+    }
+    QByteArray Content(const QString& path) override {
+        QFile file(_top + path);
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+    }
+    sync::interf::IFileUploadClient& Uploads() override { return *_server; }
+    sync::interf::IFileDownloadClient& Downloads() override { return *_server; }
+    sync::interf::IFileDeleteClient& Deletes() override { return *_server; }
+    void SetDatabase(std::shared_ptr<sync::interf::IFileConfigManager> files) override {
+        _server->SetDatabase(std::move(files));
+    }
+    bool MakeUnreadable(const QString& path) override {
+        _locked.append(_top + path);
+        return ::chmod(QFile::encodeName(_locked.last()).constData(), 0) == 0;
+    }
+
+private:
+    static QString Unavailable() {
+        static const QString why = sync::test::ApacheServer::Unavailable();
+        return why;
+    }
+    static sync::test::ApacheServer* Apache() {
+        static std::unique_ptr<sync::test::ApacheServer> server = [] {
+            std::unique_ptr<sync::test::ApacheServer> started;
+            if (!Unavailable().isEmpty()) return started;
+            started.reset(new sync::test::ApacheServer);
+            QString error;
+            if (!started->Start(&error)) {
+                ADD_FAILURE() << "Apache did not start: " << error.toStdString();
+                started.reset();
+            }
+            return started;
+        }();
+        return server.get();
+    }
+
+    QString _top;
+    std::shared_ptr<sync::remote::WebDavServer> _server;
+    QStringList _locked;
+};
+
 struct BackendKind {
     const char* name;
     std::function<std::unique_ptr<Backend>()> make;
@@ -144,6 +229,8 @@ class RemoteContract : public ::testing::TestWithParam<BackendKind> {
 protected:
     void SetUp() override {
         backend = GetParam().make();
+        std::string why;
+        if (!backend->Usable(&why)) GTEST_SKIP() << why;
         root.id = root.rootId = 1;
         root.authenticationId = kAccount;
         root.serverPath = QStringLiteral("/Docs");
@@ -609,9 +696,10 @@ TEST_P(RemoteContract, ADeletionLeavesAServerFileChangedSincePlanning) {
 
 INSTANTIATE_TEST_SUITE_P(
     Backends, RemoteContract,
-    ::testing::Values(BackendKind{"Fake", [] { return std::unique_ptr<Backend>(new FakeBackend); }},
-                      BackendKind{"LocalFolder",
-                                  [] { return std::unique_ptr<Backend>(new LocalBackend); }}),
+    ::testing::Values(
+        BackendKind{"Fake", [] { return std::unique_ptr<Backend>(new FakeBackend); }},
+        BackendKind{"LocalFolder", [] { return std::unique_ptr<Backend>(new LocalBackend); }},
+        BackendKind{"WebDav", [] { return std::unique_ptr<Backend>(new DavBackend); }}),
     [](const ::testing::TestParamInfo<BackendKind>& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QDirIterator>
 #include <QFile>
@@ -130,6 +131,13 @@ struct World {
         f.folderId = folders->GetFolderByPath(QFileInfo(Local(below)).path(), 1).id;
         f.rootId = root.id;
         f.syncStatus = sync::config::FileSynchronizationStatus::Synchronized;
+        // The record describes the local file as the last cycle left it.
+        const QFileInfo written(Local(below));
+        f.size = written.size();
+        QDateTime modified = written.lastModified().toUTC();
+        f.lastModified = modified.addMSecs(-modified.time().msec());
+        f.checksum = QString::fromLatin1(
+            QCryptographicHash::hash(content, QCryptographicHash::Sha256).toHex());
         files->AddFile(f);
     }
     void Write(const QString& below, const QByteArray& content) {

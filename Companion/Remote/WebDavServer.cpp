@@ -1,0 +1,1071 @@
+#include "WebDavServer.h"
+
+#include <fcntl.h>
+#include <openssl/evp.h>
+#include <sys/stat.h>
+
+#include <unistd.h>
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QMap>
+#include <QThread>
+#include <QUrl>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <vector>
+
+#include "HttpException.h"
+#include "QFileWrapper.h"
+#include "ServerPaths.h"
+#include "SyncCodes.h"
+#include "SyncConsts.h"
+#include "SyncLog.h"
+#include "WebDavConnection.h"
+#include "WebDavMultistatus.h"
+
+namespace sync {
+namespace remote {
+
+using sync::config::FileSynchronizationStatus;
+using sync::http::HttpException;
+using Folder = WebDavServer::Folder;
+using File = WebDavServer::File;
+using Results = WebDavServer::Results;
+
+namespace {
+
+const QString kVersionId = QStringLiteral("versionId");
+constexpr int kBadGateway = sync::http::BadGateway;
+constexpr std::size_t kCompareBlockBytes = std::size_t(1) << 20;
+constexpr qint64 kExpectContinueBytes = qint64(1) << 20;
+constexpr std::size_t kListingBlock = 8192;
+// How long after reading a weak tag its file's tag is strong again, with a margin.
+constexpr qint64 kWeakTagMilliseconds = 1100;
+
+class FdCloser {
+public:
+    explicit FdCloser(int fd) : fd(fd) {}
+    FdCloser(const FdCloser&) = delete;
+    FdCloser& operator=(const FdCloser&) = delete;
+    ~FdCloser() {
+        if (fd >= 0) ::close(fd);
+    }
+    const int fd;
+};
+
+// SHA-256 through OpenSSL, as the rest of the system hashes files.
+class Sha256 {
+public:
+    Sha256() : _ctx(EVP_MD_CTX_new()) { Reset(); }
+    ~Sha256() { EVP_MD_CTX_free(_ctx); }
+    Sha256(const Sha256&) = delete;
+    Sha256& operator=(const Sha256&) = delete;
+    void Reset() { EVP_DigestInit_ex(_ctx, EVP_sha256(), nullptr); }
+    void Add(const char* data, std::size_t size) { EVP_DigestUpdate(_ctx, data, size); }
+    QString Hex() {
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned int length = 0;
+        EVP_DigestFinal_ex(_ctx, digest, &length);
+        return QString::fromLatin1(
+            QByteArray(reinterpret_cast<const char*>(digest), int(length)).toHex());
+    }
+
+private:
+    EVP_MD_CTX* _ctx;
+};
+
+QString Normalized(QString path) {
+    while (path.endsWith(QLatin1Char('/'))) path.chop(1);
+    return path;
+}
+
+template <typename Record>
+QString ShownPath(const Record& r) {
+    return r.localPath.isEmpty() ? r.serverPath : r.localPath;
+}
+
+bool IsWeak(const QString& tag) {
+    return tag.startsWith(QLatin1String("W/"));
+}
+
+// Weak comparison (RFC 7232): a tag names the same version whether or not it is marked weak;
+// Apache marks a file's tag weak for as long as its modification lies within the current
+// second, so the same version shows both ways.
+bool SameTag(const QString& a, const QString& b) {
+    return (IsWeak(a) ? a.mid(2) : a) == (IsWeak(b) ? b.mid(2) : b);
+}
+
+bool WriteAll(int fd, const char* data, std::size_t size) {
+    while (size > 0) {
+        const ssize_t n = ::write(fd, data, size);
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return false;
+        }
+        data += n;
+        size -= std::size_t(n);
+    }
+    return true;
+}
+
+bool SameStamp(const struct stat& a, const struct stat& b) {
+    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
+           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
+}
+
+// Whole seconds: the database keeps no finer time, and the local side compares in seconds.
+QDateTime WholeSecondsOf(const struct stat& st) {
+    return QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec), Qt::UTC);
+}
+
+QString ErrorText(int error) {
+    return QString::fromLocal8Bit(std::strerror(error));
+}
+
+}  // namespace
+
+struct WebDavServer::RemoteState {
+    int status = 0;  // 0: something is there; 404: nothing; other: the request failed
+    DavEntry entry;
+};
+
+WebDavServer::WebDavServer(const sync::config::ServerConfiguration& account,
+                           const QString& password, int authenticationId)
+    : _authenticationId(authenticationId) {
+    QUrl base(account.baseUrl.trimmed());
+    // Credentials never ride in the URL; a user name there is ignored like any other.
+    base.setUserInfo(QString());
+    _basePath = Normalized(base.path(QUrl::FullyDecoded));
+    base.setPath(_basePath);
+    _baseUrl = base.toString(QUrl::FullyEncoded);
+    _connection.reset(
+        new WebDavConnection(account.userName, password, account.settings.value("caFile")));
+}
+
+WebDavServer::~WebDavServer() = default;
+
+void WebDavServer::SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) {
+    _exitChecker = std::move(exitChecker);
+    if (!_exitChecker) {
+        _connection->SetStopCheck({});
+        return;
+    }
+    _connection->SetStopCheck([this] {
+        if (!_exitChecker->ShouldExit()) return false;
+        _stopRequested = true;
+        return true;
+    });
+}
+
+void WebDavServer::_CheckAccount(int authenticationId) const {
+    if (_authenticationId >= 0 && authenticationId != _authenticationId)
+        throw HttpException(sync::http::Unauthorized,
+                            QStringLiteral("Unknown account %1").arg(authenticationId));
+}
+
+std::shared_ptr<sync::interf::IRemoteFolderManager> WebDavServer::CreateRemoteFolderManager(
+    int authenticationId) {
+    _CheckAccount(authenticationId);
+    return shared_from_this();
+}
+
+std::shared_ptr<sync::interf::IRemoteFileManager> WebDavServer::CreateRemoteFileManager(
+    int authenticationId) {
+    _CheckAccount(authenticationId);
+    return shared_from_this();
+}
+
+QByteArray WebDavServer::UrlOf(const QString& baseUrl, const QString& serverPath, bool folder) {
+    QByteArray url = Normalized(baseUrl).toUtf8();
+    for (const QString& part : serverPath.split(QLatin1Char('/'), Qt::SkipEmptyParts))
+        url += '/' + QUrl::toPercentEncoding(part);
+    if (folder || Normalized(serverPath).isEmpty()) url += '/';
+    return url;
+}
+
+QByteArray WebDavServer::_Url(const QString& serverPath, bool folder) const {
+    return UrlOf(_baseUrl, serverPath, folder);
+}
+
+QString WebDavServer::BuildUrl(const sync::config::ServerConfiguration& server,
+                               const QString& serverPath) {
+    QUrl base(server.baseUrl.trimmed());
+    base.setUserInfo(QString());
+    const QString baseUrl =
+        server.baseUrl.trimmed().isEmpty() ? _baseUrl : base.toString(QUrl::FullyEncoded);
+    return QString::fromUtf8(UrlOf(baseUrl, serverPath, false));
+}
+
+QString WebDavServer::_ServerPathOf(const QString& hrefPath) const {
+    if (hrefPath == _basePath) return QString(QLatin1String(""));
+    if (hrefPath.size() > _basePath.size() && hrefPath.startsWith(_basePath) &&
+        hrefPath.at(_basePath.size()) == QLatin1Char('/'))
+        return hrefPath.mid(_basePath.size());
+    return QString();
+}
+
+QString WebDavServer::_IdOf(const DavEntry& entry, const QString& serverPath) const {
+    return entry.id.isEmpty() ? serverPath : entry.id;
+}
+
+void WebDavServer::_Note(const DavResponse& response, const QByteArray& method,
+                         const QByteArray& url) {
+    if ((response.status == sync::http::TooManyRequests ||
+         response.status == sync::http::ServiceUnavailable) &&
+        response.retryAfter >= 0)
+        _retryAfter = response.retryAfter;
+    if (response.Ok()) return;
+    _lastError = !response.error.isEmpty()
+                     ? response.error
+                     : QStringLiteral("%1 %2 answered %3")
+                           .arg(QString::fromLatin1(method), WebDavConnection::Shown(url))
+                           .arg(response.status);
+}
+
+DavResponse WebDavServer::_Perform(const QByteArray& method, const QByteArray& url,
+                                   QList<QByteArray> headers) {
+    WebDavConnection::Request request;
+    request.method = method;
+    request.url = url;
+    request.headers = std::move(headers);
+    const DavResponse r = _connection->Perform(request);
+    _Note(r, method, url);
+    return r;
+}
+
+WebDavServer::RemoteState WebDavServer::_Stat(const QString& serverPath) {
+    RemoteState state = _StatOnce(serverPath);
+    if (state.status == sync::http::BadRequest && _ThroughFile(serverPath))
+        state.status = sync::http::NotFound;
+    return state;
+}
+
+bool WebDavServer::_ThroughFile(const QString& serverPath) {
+    const QStringList parts = Normalized(serverPath).split(QLatin1Char('/'), Qt::SkipEmptyParts);
+    QString prefix;
+    for (int i = 0; i + 1 < parts.size(); ++i) {
+        prefix += QLatin1Char('/') + parts.at(i);
+        const RemoteState state = _StatOnce(prefix);
+        if (state.status == sync::http::NotFound) return false;
+        if (state.status == 0 && !state.entry.collection) return true;
+    }
+    return false;
+}
+
+WebDavServer::RemoteState WebDavServer::_StatOnce(const QString& serverPath) {
+    RemoteState state;
+    bool seen = false;
+    MultistatusParser parser([&](DavEntry& entry) {
+        // Only the entry asked about; a server answering with more is not believed further.
+        if (!seen) state.entry = entry;
+        seen = true;
+        return true;
+    });
+    WebDavConnection::Request request;
+    request.method = "PROPFIND";
+    request.url = _Url(serverPath);
+    request.headers = {"Depth: 0"};
+    request.body = PropfindBody(_resourceIds != 0);
+    request.sink = [&](const char* data, std::size_t size) { return parser.Feed(data, size); };
+    const DavResponse r = _connection->Perform(request);
+    _Note(r, request.method, request.url);
+    if (parser.ResourceIdMissing()) _resourceIds = 0;
+    if (!state.entry.id.isEmpty()) _resourceIds = 1;
+    if (r.status == sync::http::NotFound && r.error.isEmpty()) {
+        state.status = sync::http::NotFound;
+    } else if (!r.Ok() || r.aborted) {
+        state.status = r.status != 0 && !r.Ok() ? r.status : kBadGateway;
+    } else if (r.status != 207 || !parser.Finish() || !seen) {
+        _lastError =
+            QStringLiteral("PROPFIND %1: %2")
+                .arg(WebDavConnection::Shown(request.url),
+                     parser.Error().isEmpty() ? QStringLiteral("no entry") : parser.Error());
+        state.status = kBadGateway;
+    } else if (state.entry.status != 0 && state.entry.status != 200) {
+        state.status = state.entry.status;
+    }
+    return state;
+}
+
+// --- Listings -------------------------------------------------------------------------------
+
+int WebDavServer::GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
+                                std::shared_ptr<QVector<File>> files) {
+    return _List(root, false, folders.get(), files.get());
+}
+
+int WebDavServer::GetRootFiles(Folder& root, std::shared_ptr<QVector<File>> files) {
+    return _List(root, true, nullptr, files.get());
+}
+
+int WebDavServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
+                        QVector<File>* files) {
+    const QDateTime requestTime = QDateTime::currentDateTimeUtc();
+    const QString rootPath = Normalized(root.serverPath);
+    const bool listHidden = root.hasSyncOption(sync::config::SyncHiddenEntries);
+    const QString& tempName = sync::core::consts::TEMP_FOLDER_NAME;
+    const QString& backupName = sync::core::consts::BASE_FOLDER_NAME;
+
+    QVector<Folder> foundFolders;
+    // In large blocks, not one growing array: a reallocation would hold the old and the new
+    // array of a large listing at once. Blocks this large are mapped memory, which goes back
+    // to the system when a block is freed.
+    std::vector<std::vector<File>> foundFiles;
+    int fileCount = 0;
+    std::deque<QString> toWalk;  // folders still to list in a walk with Depth: 1
+    bool walking = false;
+    bool rootSeen = false;
+    bool rootIsFolder = false;
+    int entryStatus = 0;
+    QString listed;  // the server path of the folder being listed
+
+    const auto take = [&](DavEntry& e) {
+        const QString serverPath = _ServerPathOf(e.path);
+        if (e.status != 0 && e.status != 200) {
+            // A folder the server could not list: its content is unknown, and a tree without it
+            // would read as deletions. A 404 here is a folder that vanished during the listing.
+            entryStatus = e.status == sync::http::NotFound ? int(sync::http::Conflict) : e.status;
+            SYNC_LOG_WARN("Listing %1 failed at %2: status %3", rootPath, serverPath,
+                          QString::number(e.status));
+            return false;
+        }
+        if (serverPath.isNull()) return true;
+        if (serverPath == listed) {
+            if (serverPath == rootPath) {
+                rootSeen = true;
+                rootIsFolder = e.collection;
+            }
+            return true;
+        }
+        if (serverPath.size() <= rootPath.size() + 1 || !serverPath.startsWith(rootPath) ||
+            serverPath.at(rootPath.size()) != QLatin1Char('/'))
+            return true;
+        const QString below = serverPath.mid(rootPath.size() + 1);
+        // Hidden entries and the engine's own folders leave out everything below them too.
+        int start = 0;
+        while (start < below.size()) {
+            int end = below.indexOf(QLatin1Char('/'), start);
+            if (end < 0) end = below.size();
+            const QStringView part = QStringView(below).mid(start, end - start);
+            if (part == tempName || part == backupName || IsUploadTemporaryName(part)) return true;
+            if (!listHidden && part.startsWith(QLatin1Char('.'))) return true;
+            start = end + 1;
+        }
+        const QString name = below.mid(below.lastIndexOf(QLatin1Char('/')) + 1);
+        if (e.collection) {
+            if (directOnly) return true;
+            Folder f;
+            f.name = name;
+            f.serverPath = f.path = sync::core::JoinServerPath(root.serverPath, below);
+            f.localPath = sync::core::JoinServerPath(root.localPath, below);
+            f.setServerFolderId(_IdOf(e, serverPath));
+            f.lastModified = e.modified;
+            foundFolders.append(f);
+            if (walking) toWalk.push_back(serverPath);
+        } else {
+            File f;
+            f.name = name;
+            f.serverPath = sync::core::JoinServerPath(root.serverPath, below);
+            f.localPath = sync::core::JoinServerPath(root.localPath, below);
+            f.size = e.size < 0 ? 0 : e.size;
+            // Shared with serverPath when the path is the id: a listing keeps 100,000 of them.
+            f.serverFileId =
+                e.id.isEmpty() && f.serverPath == serverPath ? f.serverPath : _IdOf(e, serverPath);
+            if (!e.etag.isEmpty()) f.properties.insert(kVersionId, e.etag);
+            f.lastModified = f.serverModified = e.modified;
+            if (foundFiles.empty() || foundFiles.back().size() == kListingBlock) {
+                foundFiles.emplace_back();
+                foundFiles.back().reserve(kListingBlock);
+            }
+            foundFiles.back().push_back(std::move(f));
+            ++fileCount;
+        }
+        return true;
+    };
+
+    // 0, or the status that ended the listing of one folder.
+    const auto propfind = [&](const QString& path, const QByteArray& depth, bool* depthRefused) {
+        listed = path;
+        MultistatusParser parser(take);
+        WebDavConnection::Request request;
+        request.method = "PROPFIND";
+        request.url = _Url(path, true);
+        request.headers = {"Depth: " + depth};
+        request.body = PropfindBody(_resourceIds != 0);
+        request.sink = [&](const char* data, std::size_t size) { return parser.Feed(data, size); };
+        const DavResponse r = _connection->Perform(request);
+        _Note(r, request.method, request.url);
+        if (entryStatus != 0) return entryStatus;
+        if (r.status == sync::http::NotFound && r.error.isEmpty() && !r.aborted)
+            return int(sync::http::NotFound);
+        if (depthRefused &&
+            ((r.status == sync::http::Forbidden && r.errorBody.contains("propfind-finite-depth")) ||
+             r.status == sync::http::BadRequest || r.status == 501)) {
+            *depthRefused = true;
+            return r.status;
+        }
+        if (r.aborted || (r.Ok() && (r.status != 207 || !parser.Finish()))) {
+            // Half a listing is no listing: the entries missing from it would read as deleted.
+            _lastError = QStringLiteral("listing %1 broke off: %2")
+                             .arg(WebDavConnection::Shown(request.url),
+                                  parser.Error().isEmpty() ? r.error : parser.Error());
+            SYNC_LOG_WARN("%1", _lastError);
+            return kBadGateway;
+        }
+        return r.Ok() ? 0 : r.status;
+    };
+
+    // Whether ids are worth asking for is learnt from one entry, not from every entry of a
+    // large listing.
+    if (_resourceIds < 0) _StatOnce(rootPath);
+    int status = 0;
+    if (directOnly) {
+        status = propfind(rootPath, "1", nullptr);
+    } else {
+        bool refused = false;
+        status = propfind(rootPath, "infinity", &refused);
+        if (refused) {
+            SYNC_LOG_INFO("The server lists %1 one level at a time", rootPath);
+            foundFolders.clear();
+            foundFiles.clear();
+            fileCount = 0;
+            rootSeen = false;
+            walking = true;
+            status = propfind(rootPath, "1", nullptr);
+            while (status == 0 && !toWalk.empty()) {
+                const QString next = toWalk.front();
+                toWalk.pop_front();
+                status = propfind(next, "1", nullptr);
+                // Listed a moment ago and gone now: the tree changes under the walk.
+                if (status == sync::http::NotFound) status = sync::http::Conflict;
+            }
+        }
+    }
+    if (status != 0) return status;
+    if (!rootSeen || !rootIsFolder) return sync::http::NotFound;
+    if (folders) *folders += foundFolders;
+    if (files) {
+        files->reserve(files->size() + fileCount);
+        // Each block is freed as soon as its records are over.
+        for (std::vector<File>& block : foundFiles) {
+            for (const File& f : block) files->append(f);
+            std::vector<File>().swap(block);
+        }
+    }
+    root.setLastServerSyncRequestTime(requestTime);
+    return 0;
+}
+
+// --- Folder operations ----------------------------------------------------------------------
+
+// 0 when a folder is at the path afterwards; else the status.
+int WebDavServer::_MakeFolder(const QString& serverPath) {
+    // Without the trailing slash: on a file, Apache answers that with 405, with it 400.
+    const DavResponse r = _Perform("MKCOL", _Url(serverPath));
+    if (r.Ok()) return 0;
+    if (r.status == sync::http::BadRequest && r.error.isEmpty() && _ThroughFile(serverPath))
+        return sync::http::Conflict;
+    if (r.status != 405 || !r.error.isEmpty()) return r.status;
+    // 405: something is there already; only a folder will do.
+    const RemoteState state = _Stat(serverPath);
+    if (state.status != 0) return state.status == sync::http::NotFound ? 409 : state.status;
+    return state.entry.collection ? 0 : int(sync::http::Conflict);
+}
+
+Results WebDavServer::CreateFolder(Folder& folder, const QString&, bool createParents) {
+    Results r;
+    const QString path = Normalized(folder.serverPath);
+    int status = path.isEmpty() ? 0 : _MakeFolder(path);
+    if (status == sync::http::Conflict && createParents) {
+        // Each folder on the way, from the top; those already there answer 405.
+        const QStringList parts = path.split(QLatin1Char('/'), Qt::SkipEmptyParts);
+        QString prefix;
+        status = 0;
+        for (const QString& part : parts) {
+            prefix += QLatin1Char('/') + part;
+            status = _MakeFolder(prefix);
+            if (status != 0) break;
+        }
+    }
+    Folder info;
+    if (status == 0) {
+        try {
+            if (!GetFolderInfo(folder, info)) status = sync::http::Conflict;
+        } catch (const HttpException& e) {
+            status = e.code;
+        }
+    }
+    if (status != 0) {
+        SYNC_LOG_WARN("Cannot create server folder %1: status %2 %3", folder.serverPath,
+                      QString::number(status), _lastError);
+        r.CountFailure(Results::FolderServerCreation, ShownPath(folder), status);
+        return r;
+    }
+    folder.setServerFolderId(info.getServerFolderId());
+    folder.privileges = info.privileges;
+    folder.privilegeInfo = info.privilegeInfo;
+    r.CountDone(Results::FolderServerCreation, ShownPath(folder));
+    return r;
+}
+
+Results WebDavServer::DeleteFolder(Folder& folder) {
+    if (Normalized(folder.serverPath).isEmpty())
+        throw HttpException(sync::http::Forbidden,
+                            QStringLiteral("The server's top folder is not deleted"));
+    const QByteArray url = _Url(folder.serverPath, true);
+    const DavResponse r = _Perform("DELETE", url);
+    bool gone = r.Ok() || (r.status == sync::http::NotFound && r.error.isEmpty());
+    if (!gone && r.status == sync::http::BadRequest && r.error.isEmpty()) {
+        // Apache answers 400 for a folder URL that names a file or leads through one: no
+        // folder is there.
+        const RemoteState state = _Stat(folder.serverPath);
+        gone =
+            state.status == sync::http::NotFound || (state.status == 0 && !state.entry.collection);
+    }
+    if (!gone)
+        throw HttpException(r.status == 0 ? kBadGateway : r.status,
+                            QStringLiteral("Failed to delete server folder %1: %2")
+                                .arg(folder.serverPath, _lastError),
+                            QUrl(WebDavConnection::Shown(url)));
+    Results results;
+    results.CountDone(Results::FolderServerDeletion, ShownPath(folder));
+    return results;
+}
+
+bool WebDavServer::GetFolderInfo(const Folder& folder, Folder& info) {
+    const QString path = Normalized(folder.serverPath);
+    const RemoteState state = _Stat(path);
+    if (state.status == sync::http::NotFound) return false;
+    if (state.status != 0)
+        throw HttpException(state.status, QStringLiteral("Failed to read server folder %1: %2")
+                                              .arg(folder.serverPath, _lastError));
+    if (!state.entry.collection) return false;
+    info.setServerFolderId(_IdOf(state.entry, path));
+    info.privileges = Folder().privileges;
+    info.privilegeInfo.clear();
+    return true;
+}
+
+// --- Transfers ------------------------------------------------------------------------------
+
+void WebDavServer::_StoreRecord(File& record) {
+    if (!_database) return;
+    if (record.id > 0)
+        _database->UpdateFile(record);
+    else
+        _database->AddFile(record);
+}
+
+namespace {
+
+// The server's side of a record: what a listing would show of the entry now.
+void SetServerFields(File& f, const QString& id, const QString& etag, const QDateTime& modified) {
+    f.serverFileId = id;
+    f.serverChecksum.clear();
+    f.properties.remove(QStringLiteral("version"));
+    if (etag.isEmpty())
+        f.properties.remove(kVersionId);
+    else
+        f.properties.insert(kVersionId, etag);
+    f.privileges = File().privileges;
+    f.privilegeInfo.clear();
+    f.serverModified = modified;
+}
+
+}  // namespace
+
+void WebDavServer::_FirmUpTags(const QList<File*>& records) {
+    QMap<QString, QList<File*>> weakByFolder;
+    for (File* f : records)
+        if (IsWeak(f->properties.value(kVersionId))) {
+            const QString path = Normalized(f->serverPath);
+            weakByFolder[path.left(path.lastIndexOf(QLatin1Char('/')))] << f;
+        }
+    if (weakByFolder.isEmpty() || _tagsStayWeak) return;
+    // Apache marks a tag weak while the file's modification lies within the current second;
+    // the tags above were read at the latest now.
+    const qint64 wait = _lastWeakTag.isValid() ? kWeakTagMilliseconds - _lastWeakTag.elapsed() : 0;
+    if (wait > 0) {
+        if (_exitChecker && _exitChecker->ShouldExit()) return;
+        QThread::msleep(static_cast<unsigned long>(wait));
+    }
+    int firmed = 0, stillWeak = 0;
+    for (auto folder = weakByFolder.cbegin(); folder != weakByFolder.cend(); ++folder) {
+        QHash<QString, DavEntry> now;
+        MultistatusParser parser([&](DavEntry& e) {
+            now.insert(_ServerPathOf(e.path), e);
+            return true;
+        });
+        WebDavConnection::Request request;
+        request.method = "PROPFIND";
+        request.url = _Url(folder.key(), true);
+        request.headers = {"Depth: 1"};
+        request.body = PropfindBody(_resourceIds != 0);
+        request.sink = [&](const char* data, std::size_t size) { return parser.Feed(data, size); };
+        const DavResponse r = _connection->Perform(request);
+        _Note(r, request.method, request.url);
+        if (!r.Ok() || !parser.Finish()) continue;
+        for (File* f : folder.value()) {
+            const auto found = now.constFind(Normalized(f->serverPath));
+            // Only the same version: one written by someone else meanwhile is not ours to claim.
+            if (found == now.constEnd() || !SameTag(found->etag, f->properties.value(kVersionId)))
+                continue;
+            if (IsWeak(found->etag)) {
+                ++stillWeak;
+                continue;
+            }
+            ++firmed;
+            f->properties.insert(kVersionId, found->etag);
+            _StoreRecord(*f);
+        }
+    }
+    // A server whose tags are weak for good gains nothing from waiting again.
+    if (firmed == 0 && stillWeak > 0) _tagsStayWeak = true;
+}
+
+Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
+                                  QList<File>& files) {
+    Results r;
+    QList<File*> settled;
+    for (File& f : files) {
+        int status = 0;
+        _lastError.clear();
+        if (_Upload(f, status)) {
+            _StoreRecord(f);
+            settled << &f;
+            r.CountDone(Results::FileServerCreation, ShownPath(f));
+            continue;
+        }
+        SYNC_LOG_WARN("Upload of %1 to %2 failed: status %3 %4", f.localPath, f.serverPath,
+                      QString::number(status), _lastError);
+        f.syncStatus = FileSynchronizationStatus::OutOfSync;
+        _StoreRecord(f);
+        r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
+    }
+    _FirmUpTags(settled);
+    return r;
+}
+
+bool WebDavServer::_Upload(File& f, int& status) {
+    status = 0;
+    const QString serverPath = Normalized(f.serverPath);
+    const FdCloser local(
+        ::open(QFile::encodeName(f.localPath).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    struct stat before;
+    if (local.fd < 0 || ::fstat(local.fd, &before) != 0 || !S_ISREG(before.st_mode)) {
+        SYNC_LOG_WARN("Cannot read %1 for upload", f.localPath);
+        return false;
+    }
+    const qint64 size = qint64(before.st_size);
+    const auto unchanged = [&] {
+        struct stat now;
+        return ::fstat(local.fd, &now) == 0 && SameStamp(before, now);
+    };
+    const auto settle = [&](const DavEntry& entry, const QString& hash) {
+        SetServerFields(f, _IdOf(entry, serverPath), entry.etag, entry.modified);
+        if (IsWeak(entry.etag)) _lastWeakTag.start();
+        f.size = size;
+        f.lastModified = WholeSecondsOf(before);
+        f.checksum = hash;
+        f.syncStatus = FileSynchronizationStatus::Synchronized;
+        f.referencesOnly = 0;
+        f.transferPending = false;
+        return true;
+    };
+
+    RemoteState server = _Stat(serverPath);
+    if (server.status != 0 && server.status != sync::http::NotFound) {
+        status = server.status;
+        return false;
+    }
+    const bool exists = server.status == 0;
+    if (exists && server.entry.collection) {
+        status = sync::http::Conflict;
+        return false;
+    }
+
+    if (exists && server.entry.size == size) {
+        // Same size: compare the bytes as they come back, and send nothing when they agree.
+        Sha256 localHash;
+        std::vector<char> block;
+        qint64 offset = 0;
+        bool same = true;
+        WebDavConnection::Request request;
+        request.method = "GET";
+        request.url = _Url(serverPath);
+        request.stoppable = true;
+        request.sink = [&](const char* data, std::size_t length) {
+            if (block.size() < length) block.resize(std::max(length, kCompareBlockBytes));
+            const ssize_t n = ::pread(local.fd, block.data(), length, offset);
+            if (n != ssize_t(length) || std::memcmp(block.data(), data, length) != 0) {
+                same = false;
+                return false;
+            }
+            localHash.Add(data, length);
+            offset += qint64(length);
+            return true;
+        };
+        const DavResponse r = _connection->Perform(request);
+        _Note(r, request.method, request.url);
+        if (_stopRequested) {
+            _stopRequested = false;
+            return false;
+        }
+        if (same && r.Ok() && offset == size && unchanged() &&
+            (r.etag.isEmpty() || SameTag(QString::fromLatin1(r.etag), server.entry.etag)))
+            return settle(server.entry, localHash.Hex());
+    }
+
+    QList<QByteArray> headers;
+    const QString recorded = f.properties.value(kVersionId);
+    if (f.serverFileId.isEmpty()) {
+        // Never seen by this client: only where no file is.
+        if (exists) {
+            status = sync::http::PreconditionFailed;
+            return false;
+        }
+        headers << "If-None-Match: *";
+    } else {
+        if (!exists) {
+            // Deleted on the server since planning; storing it again would undo that.
+            status = sync::http::PreconditionFailed;
+            return false;
+        }
+        const QString current = server.entry.etag;
+        if (!recorded.isEmpty() && !SameTag(recorded, current)) {
+            // Changed since it was planned: the next cycle sees the new version first.
+            status = sync::http::PreconditionFailed;
+            return false;
+        }
+        // The record names the version the engine planned against; the database still names
+        // the one last synchronised. When they differ, both sides changed the file: the
+        // server's version, which this client never synchronised, is kept beside it.
+        const QString synchronised = _database && f.id > 0
+                                         ? _database->GetFileById(f.id).properties.value(kVersionId)
+                                         : QString();
+        if (!synchronised.isEmpty() && !SameTag(synchronised, current)) {
+            const QString name = serverPath.mid(serverPath.lastIndexOf(QLatin1Char('/')) + 1);
+            const QString folder = serverPath.left(serverPath.lastIndexOf(QLatin1Char('/')));
+            const QDateTime now = QDateTime::currentDateTime();
+            int copyStatus = 0;
+            for (int attempt = 0; attempt < 5; ++attempt) {
+                const QString copy =
+                    folder + QLatin1Char('/') + ConflictCopyName(name, now, attempt + 1);
+                const DavResponse r =
+                    _Perform("COPY", _Url(serverPath),
+                             {"Destination: " + _Url(copy), "Overwrite: F", "Depth: 0"});
+                copyStatus = r.Ok() ? 0 : r.status;
+                if (copyStatus != sync::http::PreconditionFailed) {
+                    if (copyStatus == 0)
+                        SYNC_LOG_INFO("Server version of %1 kept as %2", serverPath, copy);
+                    break;
+                }
+            }
+            if (copyStatus != 0) {
+                status = copyStatus;
+                return false;
+            }
+        }
+        // A weak tag is no precondition (it never matches); it was compared just now instead.
+        if (!current.isEmpty() && !IsWeak(current)) headers << "If-Match: " + current.toUtf8();
+    }
+
+    // Small bodies go at once: waiting for "100 Continue" would cost a round trip per file
+    // for little gain; a refused large body is better not sent at all.
+    if (size < kExpectContinueBytes) headers << "Expect:";
+    Sha256 hash;
+    qint64 sent = 0;
+    bool changed = false;
+    WebDavConnection::Request request;
+    request.method = "PUT";
+    request.url = _Url(serverPath);
+    request.headers = headers;
+    request.stoppable = true;
+    request.sourceSize = size;
+    request.source = [&](char* buffer, std::size_t room) -> qint64 {
+        const qint64 wanted = std::min<qint64>(qint64(room), size - sent);
+        if (wanted == 0) return 0;
+        ssize_t n;
+        do {
+            n = ::read(local.fd, buffer, std::size_t(wanted));
+        } while (n < 0 && errno == EINTR);
+        if (n <= 0) {
+            // Shorter than when the upload began.
+            changed = true;
+            return -1;
+        }
+        hash.Add(buffer, std::size_t(n));
+        sent += n;
+        // Before the last bytes leave: a file written during the upload is not stored as if
+        // it were one version of it.
+        if (sent == size && !unchanged()) {
+            changed = true;
+            return -1;
+        }
+        return n;
+    };
+    request.rewind = [&] {
+        if (::lseek(local.fd, 0, SEEK_SET) != 0) return false;
+        hash.Reset();
+        sent = 0;
+        return true;
+    };
+    const DavResponse r = _connection->Perform(request);
+    _Note(r, request.method, request.url);
+    if (_stopRequested) {
+        _stopRequested = false;
+        return false;
+    }
+    if (changed || (r.Ok() && !unchanged())) {
+        status = sync::http::Conflict;
+        return false;
+    }
+    if (!r.Ok()) {
+        status = r.status == 0 ? kBadGateway : r.status;
+        // A missing parent answers 409; a parent that is a file is the same conflict.
+        if (status == sync::http::BadRequest && r.error.isEmpty() && _ThroughFile(serverPath))
+            status = sync::http::Conflict;
+        return false;
+    }
+    const QString digest = hash.Hex();
+    // The answer to PUT carries no tag on every server; the entry as it is now does.
+    const RemoteState stored = _Stat(serverPath);
+    if (stored.status != 0) {
+        SYNC_LOG_WARN("Uploaded %1 but cannot read its version: status %2", serverPath,
+                      QString::number(stored.status));
+        DavEntry entry;
+        entry.etag = QString::fromLatin1(r.etag);
+        return settle(entry, digest);
+    }
+    return settle(stored.entry, digest);
+}
+
+Results WebDavServer::DownloadFiles(const sync::config::ServerConfiguration&, const Folder& root,
+                                    QList<sync::thread::SynchronizedFileConfiguration>& files) {
+    Results r;
+    QList<File*> settled;
+    for (sync::thread::SynchronizedFileConfiguration& pair : files) {
+        File& record = pair.databaseRecord;
+        const QString target =
+            pair.serverRecord.localPath.isEmpty() ? record.localPath : pair.serverRecord.localPath;
+        int status = 0;
+        _lastError.clear();
+        if (_Download(pair, target, root, status)) {
+            _StoreRecord(record);
+            settled << &record;
+            r.CountDone(Results::FileLocalCreation, target);
+            continue;
+        }
+        SYNC_LOG_WARN("Download of %1 to %2 failed: status %3 %4", pair.serverRecord.serverPath,
+                      target, QString::number(status), _lastError);
+        pair.serverRecord.syncStatus = record.syncStatus = FileSynchronizationStatus::OutOfSync;
+        _StoreRecord(record);
+        r.CountFailure(Results::FileLocalCreation, target, status);
+    }
+    _FirmUpTags(settled);
+    return r;
+}
+
+bool WebDavServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
+                             const QString& target, const Folder& root, int& status) {
+    status = 0;
+    File& f = pair.serverRecord;
+    File& record = pair.databaseRecord;
+    const QString serverPath =
+        Normalized(f.serverPath.isEmpty() ? record.serverPath : f.serverPath);
+    const QString temporary = sync::core::QFileWrapper(target).GetTemporaryFile(root.localPath);
+    const QByteArray nativeTemporary = QFile::encodeName(temporary);
+    const QByteArray nativeTarget = QFile::encodeName(target);
+    if (!QDir().mkpath(QFileInfo(temporary).absolutePath())) {
+        SYNC_LOG_WARN("Cannot create the temporary folder for %1", target);
+        return false;
+    }
+    const FdCloser out(
+        ::open(nativeTemporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+    if (out.fd < 0) {
+        SYNC_LOG_WARN("Cannot write %1: %2", temporary, ErrorText(errno));
+        return false;
+    }
+    bool renamed = false;
+    struct Remover {
+        const QByteArray& path;
+        const bool& renamed;
+        ~Remover() {
+            if (!renamed) ::unlink(path.constData());
+        }
+    } remover{nativeTemporary, renamed};
+
+    Sha256 hash;
+    qint64 total = 0;
+    int writeError = 0;
+    WebDavConnection::Request request;
+    request.method = "GET";
+    request.url = _Url(serverPath);
+    request.stoppable = true;
+    request.sink = [&](const char* data, std::size_t size) {
+        hash.Add(data, size);
+        if (!WriteAll(out.fd, data, size)) {
+            writeError = errno;
+            return false;
+        }
+        total += qint64(size);
+        return true;
+    };
+    const DavResponse r = _connection->Perform(request);
+    _Note(r, request.method, request.url);
+    if (_stopRequested) {
+        _stopRequested = false;
+        return false;
+    }
+    if (writeError != 0) {
+        SYNC_LOG_WARN("Cannot write %1: %2", temporary, ErrorText(writeError));
+        return false;
+    }
+    if (!r.Ok()) {
+        status = r.status == 0 ? kBadGateway : r.status;
+        if (status == sync::http::BadRequest && r.error.isEmpty() && _ThroughFile(serverPath))
+            status = sync::http::NotFound;
+        return false;
+    }
+    if (r.contentLength >= 0 && total != r.contentLength) {
+        _lastError = QStringLiteral("%1 arrived with %2 of %3 bytes")
+                         .arg(serverPath)
+                         .arg(total)
+                         .arg(r.contentLength);
+        status = kBadGateway;
+        return false;
+    }
+    // The local file carries the server's time, as a copy keeps it.
+    if (r.lastModified.isValid()) {
+        const struct timespec times[2] = {{0, UTIME_OMIT},
+                                          {time_t(r.lastModified.toSecsSinceEpoch()), 0}};
+        ::futimens(out.fd, times);
+    }
+    if (::fsync(out.fd) != 0) {
+        SYNC_LOG_WARN("Cannot write %1: %2", temporary, ErrorText(errno));
+        return false;
+    }
+    const QString downloadedHash = hash.Hex();
+
+    // The local file must still be the one planned: an edit made since then is the user's
+    // work and is not overwritten. A file that already holds this content loses nothing.
+    struct stat local;
+    if (::lstat(nativeTarget.constData(), &local) == 0) {
+        // Time stamps count in whole seconds, so an edit of the same size within the second
+        // of the last sync only shows in the content: the recorded hash decides.
+        const bool stampAsRecorded =
+            S_ISREG(local.st_mode) && record.lastModified.isValid() &&
+            qint64(local.st_size) == record.size &&
+            qint64(local.st_mtim.tv_sec) == record.lastModified.toSecsSinceEpoch();
+        QString localHashText;
+        if (S_ISREG(local.st_mode) && (stampAsRecorded || qint64(local.st_size) == total)) {
+            const FdCloser in(::open(nativeTarget.constData(), O_RDONLY | O_CLOEXEC));
+            Sha256 localHash;
+            std::vector<char> block(kCompareBlockBytes);
+            ssize_t n = 0;
+            while (in.fd >= 0 && (n = ::read(in.fd, block.data(), block.size())) > 0)
+                localHash.Add(block.data(), std::size_t(n));
+            if (in.fd >= 0 && n == 0) localHashText = localHash.Hex();
+        }
+        const bool asRecorded =
+            stampAsRecorded && (record.checksum.isEmpty() || localHashText == record.checksum);
+        const bool sameContent = qint64(local.st_size) == total && !localHashText.isEmpty() &&
+                                 localHashText == downloadedHash;
+        if (!asRecorded && !sameContent) {
+            // Unseen by its time stamp, the edit would never be uploaded and this download
+            // would fail for ever: a record without a time makes the next cycle hash the file.
+            if (stampAsRecorded) record.lastModified = QDateTime();
+            status = sync::http::Conflict;
+            return false;
+        }
+    } else if (errno != ENOENT) {
+        SYNC_LOG_WARN("Cannot examine %1: %2", target, ErrorText(errno));
+        return false;
+    }
+    if (::rename(nativeTemporary.constData(), nativeTarget.constData()) != 0) {
+        SYNC_LOG_WARN("Cannot move the download into %1: %2", target, ErrorText(errno));
+        return false;
+    }
+    renamed = true;
+    {
+        const FdCloser folder(
+            ::open(QFile::encodeName(QFileInfo(target).absolutePath()).constData(),
+                   O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (folder.fd >= 0) ::fsync(folder.fd);
+    }
+    struct stat written;
+    if (::fstat(out.fd, &written) != 0) return false;
+
+    const QString etag = QString::fromLatin1(r.etag);
+    const QString id = f.serverFileId.isEmpty() ? serverPath : f.serverFileId;
+    // A checksum from the listing describes the version downloaded only if nothing came since.
+    const QString checksum =
+        SameTag(etag, f.properties.value(kVersionId)) ? f.serverChecksum : QString();
+    SetServerFields(f, id, etag, r.lastModified);
+    f.serverChecksum = checksum;
+    f.size = total;
+    f.lastModified = r.lastModified;
+    f.syncStatus = FileSynchronizationStatus::Synchronized;
+    // The record now describes the file on the disk and the server version it came from.
+    SetServerFields(record, id, etag, r.lastModified);
+    if (IsWeak(etag)) _lastWeakTag.start();
+    record.serverChecksum = checksum;
+    record.size = total;
+    record.lastModified = WholeSecondsOf(written);
+    record.checksum = downloadedHash;
+    record.syncStatus = FileSynchronizationStatus::Synchronized;
+    record.referencesOnly = 0;
+    record.transferPending = false;
+    return true;
+}
+
+// 0 when the file is gone afterwards; else the status.
+int WebDavServer::_Delete(const File& f) {
+    const QString serverPath = Normalized(f.serverPath);
+    if (serverPath.isEmpty()) return sync::http::Conflict;
+    const QString recorded = f.properties.value(kVersionId);
+    QString precondition = recorded;
+    if (recorded.isEmpty() || IsWeak(recorded)) {
+        // No tag to send: look first, so that neither a folder nor a changed file goes.
+        const RemoteState state = _Stat(serverPath);
+        if (state.status == sync::http::NotFound) return 0;
+        if (state.status != 0) return state.status;
+        if (state.entry.collection) return sync::http::Conflict;
+        if (!recorded.isEmpty() && !SameTag(recorded, state.entry.etag))
+            return sync::http::PreconditionFailed;
+        precondition = IsWeak(state.entry.etag) ? QString() : state.entry.etag;
+    }
+    QList<QByteArray> headers;
+    if (!precondition.isEmpty()) headers << "If-Match: " + precondition.toUtf8();
+    const DavResponse r = _Perform("DELETE", _Url(serverPath), headers);
+    if (r.Ok() || (r.status == sync::http::NotFound && r.error.isEmpty())) return 0;
+    if (r.status == sync::http::BadRequest && r.error.isEmpty() && _ThroughFile(serverPath))
+        return 0;
+    return r.status == 0 ? kBadGateway : r.status;
+}
+
+Results WebDavServer::DeleteFiles(const Folder&, QList<File>& files) {
+    Results r;
+    for (File& f : files) {
+        _lastError.clear();
+        const int status = _Delete(f);
+        if (status != 0) {
+            // 412: changed on the server since it was planned; the next cycle brings it down.
+            SYNC_LOG_WARN("Cannot delete server file %1: status %2 %3", f.serverPath,
+                          QString::number(status), _lastError);
+            r.CountFailure(Results::FileServerDeletion, ShownPath(f), status);
+            continue;
+        }
+        if (_database && f.id > 0) _database->RemoveFile(f.id);
+        r.CountDone(Results::FileServerDeletion, ShownPath(f));
+    }
+    return r;
+}
+
+}  // namespace remote
+}  // namespace sync
