@@ -15,6 +15,14 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
+#include "ApacheServer.h"
+
+// Failures show lists as text, one entry per line (found by argument-dependent lookup).
+QT_BEGIN_NAMESPACE
+static void PrintTo(const QStringList& list, std::ostream* os) {
+    *os << "\n  " << list.join(QStringLiteral("\n  ")).toStdString();
+}
+QT_END_NAMESPACE
 
 namespace {
 
@@ -26,17 +34,49 @@ struct Outcome {
 
 // One user's machine: a home with its own data, state and trash folders, a database, a local
 // folder and a folder playing the server.
+//
+// The server is a folder on this machine, or a WebDAV server (a private Apache) whose document
+// root holds that folder; Server() is the folder on the disk either way, Remote() what the
+// user types.
+enum class ServerKind { LocalFolder, WebDav };
+
 class Machine {
 public:
-    Machine() {
+    explicit Machine(ServerKind kind = ServerKind::LocalFolder) : _kind(kind) {
         QDir().mkpath(Local());
-        QDir().mkpath(_dir.filePath(QStringLiteral("server")));
+        if (kind == ServerKind::LocalFolder) {
+            _serverTop = _dir.filePath(QStringLiteral("server"));
+            _remoteTop = _serverTop;
+        } else {
+            // One Apache for the program; each machine gets a folder of its own in it.
+            const QString own = QFileInfo(_dir.path()).fileName();
+            _serverTop = Apache().DocumentRoot() + QLatin1Char('/') + own;
+            _remoteTop = Apache().Url() + QLatin1Char('/') + own;
+        }
+        QDir().mkpath(_serverTop);
+        if (kind == ServerKind::WebDav) Apache().HandOver(_serverTop);
     }
+    ~Machine() {
+        if (_kind == ServerKind::WebDav) QDir(_serverTop).removeRecursively();
+    }
+    // Empty when this machine can have a WebDAV server; else why not.
+    static QString WebDavUnavailable() { return sync::test::ApacheServer::Unavailable(); }
+
     QString Local(const QString& below = QString()) const {
         return _dir.filePath(QStringLiteral("local/Docs")) + Below(below);
     }
     QString Server(const QString& below = QString()) const {
-        return _dir.filePath(QStringLiteral("server/Docs")) + Below(below);
+        return _serverTop + QStringLiteral("/Docs") + Below(below);
+    }
+    QString Remote() const { return _remoteTop + QStringLiteral("/Docs"); }
+    // A change on the server made by someone else.
+    void WriteServer(const QString& below, const QByteArray& content) {
+        if (_kind == ServerKind::LocalFolder) {
+            Write(Server(below), content);
+        } else {
+            // Written the way another client's upload would have landed a moment ago.
+            ASSERT_TRUE(Apache().Put(Server(below), content));
+        }
     }
     QString Database() const { return _dir.filePath(QStringLiteral("sync.db")); }
     QString Trash() const { return _dir.filePath(QStringLiteral("data/Trash/files")); }
@@ -66,7 +106,7 @@ public:
     }
     Outcome operator()(const QStringList& args) { return Finish(Start(args)); }
     Outcome Sync(const QStringList& extra = QStringList()) {
-        return (*this)(QStringList{QStringLiteral("sync"), Local(), Server()} + extra);
+        return (*this)(QStringList{QStringLiteral("sync"), Local(), Remote()} + extra);
     }
 
     // "path content" lines of every file and "path/" of every folder below a folder, sorted.
@@ -100,11 +140,32 @@ private:
     static QString Below(const QString& below) {
         return below.isEmpty() ? QString() : QLatin1Char('/') + below;
     }
+    static sync::test::ApacheServer& Apache() {
+        static sync::test::ApacheServer* apache = [] {
+            auto* server = new sync::test::ApacheServer();
+            QString error;
+            if (!server->Start(&error)) ADD_FAILURE() << error.toStdString();
+            return server;
+        }();
+        return *apache;
+    }
+    ServerKind _kind;
     QTemporaryDir _dir;
+    QString _serverTop;
+    QString _remoteTop;
 };
 
-TEST(FoldersyncCli, FirstSyncThenChangesOnBothSidesConverge) {
-    Machine m;
+// The cases that run against both kinds of server.
+class FoldersyncOnEitherServer : public ::testing::TestWithParam<ServerKind> {
+protected:
+    void SetUp() override {
+        if (GetParam() == ServerKind::WebDav && !Machine::WebDavUnavailable().isEmpty())
+            GTEST_SKIP() << Machine::WebDavUnavailable().toStdString();
+    }
+};
+
+TEST_P(FoldersyncOnEitherServer, FirstSyncThenChangesOnBothSidesConverge) {
+    Machine m(GetParam());
     Machine::Write(m.Local(QStringLiteral("a.txt")), "alpha");
     Machine::Write(m.Local(QStringLiteral("sub dir/Ünïcode € 😀.txt")), "unicode");
     Machine::Write(m.Local(QStringLiteral("sub dir/deep/100% #1?.txt")), "odd");
@@ -124,8 +185,8 @@ TEST(FoldersyncCli, FirstSyncThenChangesOnBothSidesConverge) {
 
     // Changes on both sides, none of them in conflict.
     Machine::Write(m.Local(QStringLiteral("a.txt")), "alpha, edited locally");
-    Machine::Write(m.Server(QStringLiteral("sub dir/deep/100% #1?.txt")), "edited on the server");
-    Machine::Write(m.Server(QStringLiteral("new on server/n.txt")), "new");
+    m.WriteServer(QStringLiteral("sub dir/deep/100% #1?.txt"), "edited on the server");
+    m.WriteServer(QStringLiteral("new on server/n.txt"), "new");
     Machine::Write(m.Local(QStringLiteral("new local.txt")), "local");
     QFile::remove(m.Local(QStringLiteral("gone-local.txt")));
     QFile::remove(m.Server(QStringLiteral("gone-server.txt")));
@@ -160,15 +221,15 @@ TEST(FoldersyncCli, FirstSyncThenChangesOnBothSidesConverge) {
     EXPECT_GE(log.out.count(QLatin1String("was synchronised")), 2) << log.out.toStdString();
 }
 
-TEST(FoldersyncCli, AFileChangedOnBothSidesKeepsBothVersions) {
-    Machine m;
+TEST_P(FoldersyncOnEitherServer, AFileChangedOnBothSidesKeepsBothVersions) {
+    Machine m(GetParam());
     Machine::Write(m.Local(QStringLiteral("report.txt")), "base");
     Machine::Write(m.Local(QStringLiteral("same.txt")), "base");
     ASSERT_EQ(m.Sync().status, 0);
     Machine::Write(m.Local(QStringLiteral("report.txt")), "mine");
-    Machine::Write(m.Server(QStringLiteral("report.txt")), "theirs");
+    m.WriteServer(QStringLiteral("report.txt"), "theirs");
     Machine::Write(m.Local(QStringLiteral("same.txt")), "same change");
-    Machine::Write(m.Server(QStringLiteral("same.txt")), "same change");
+    m.WriteServer(QStringLiteral("same.txt"), "same change");
 
     // The local edit has the size of the old content and usually the second of the last sync:
     // its time stamp cannot show it. The first run then refuses to overwrite it (status 1)
@@ -229,8 +290,8 @@ TEST(FoldersyncCli, BadInputGetsOneLineAndChangesNothing) {
     EXPECT_EQ(Machine::Tree(m.Server()), registered);
 }
 
-TEST(FoldersyncCli, MassDeletionIsHeldBackUntilAllowed) {
-    Machine m;
+TEST_P(FoldersyncOnEitherServer, MassDeletionIsHeldBackUntilAllowed) {
+    Machine m(GetParam());
     for (int i = 0; i < 20; ++i)
         Machine::Write(m.Local(QStringLiteral("f%1.txt").arg(i)), QByteArray::number(i));
     ASSERT_EQ(m.Sync().status, 0);
@@ -247,8 +308,8 @@ TEST(FoldersyncCli, MassDeletionIsHeldBackUntilAllowed) {
     EXPECT_EQ(QDir(m.Server()).entryList(QDir::Files).size(), 5);
 }
 
-TEST(FoldersyncCli, DryRunPrintsThePlanAndChangesNothing) {
-    Machine m;
+TEST_P(FoldersyncOnEitherServer, DryRunPrintsThePlanAndChangesNothing) {
+    Machine m(GetParam());
     Machine::Write(m.Local(QStringLiteral("a.txt")), "a");
     // A new pair: not even the database or the server folder appears.
     Outcome trial = m.Sync({QStringLiteral("--dry-run")});
@@ -259,7 +320,7 @@ TEST(FoldersyncCli, DryRunPrintsThePlanAndChangesNothing) {
     EXPECT_FALSE(QFileInfo::exists(m.Database()));
 
     ASSERT_EQ(m.Sync().status, 0);
-    Machine::Write(m.Server(QStringLiteral("b.txt")), "b");
+    m.WriteServer(QStringLiteral("b.txt"), "b");
     QFile::remove(m.Local(QStringLiteral("a.txt")));
     const QStringList local = Machine::Tree(m.Local());
     const QStringList server = Machine::Tree(m.Server());
@@ -291,13 +352,13 @@ TEST(FoldersyncCli, LitterAndHiddenFilesStayLocal) {
     EXPECT_EQ(Machine::Tree(m.Local()).size(), 4);
 }
 
-TEST(FoldersyncCli, SyncIgnorePatternsKeepEntriesOnTheirSide) {
-    Machine m;
+TEST_P(FoldersyncOnEitherServer, SyncIgnorePatternsKeepEntriesOnTheirSide) {
+    Machine m(GetParam());
     Machine::Write(m.Local(QStringLiteral(".syncignore")), "# scratch\n*.tmp\nbuild/\n");
     Machine::Write(m.Local(QStringLiteral("a.txt")), "a");
     Machine::Write(m.Local(QStringLiteral("scratch.tmp")), "local scratch");
     Machine::Write(m.Local(QStringLiteral("build/out.o")), "object");
-    Machine::Write(m.Server(QStringLiteral("sub/server.tmp")), "server scratch");
+    m.WriteServer(QStringLiteral("sub/server.tmp"), "server scratch");
     ASSERT_EQ(m.Sync().status, 0);
     EXPECT_EQ(Machine::Tree(m.Server()),
               (QStringList{"/a.txt a", "/sub/", "/sub/server.tmp server scratch"}));
@@ -307,7 +368,7 @@ TEST(FoldersyncCli, SyncIgnorePatternsKeepEntriesOnTheirSide) {
     QFile::remove(m.Local(QStringLiteral("scratch.tmp")));
     Machine::Write(m.Local(QStringLiteral("scratch.tmp")), "again");
     QFile::remove(m.Server(QStringLiteral("sub/server.tmp")));
-    Machine::Write(m.Server(QStringLiteral("sub/server.tmp")), "again");
+    m.WriteServer(QStringLiteral("sub/server.tmp"), "again");
     ASSERT_EQ(m.Sync().status, 0);
 
     // A pattern taken out lets its entries sync from the next run on.
@@ -340,15 +401,15 @@ TEST(FoldersyncCli, ADatabaseInUseIsRefusedNamingItsHolder) {
     EXPECT_EQ(m.Sync().status, 0);
 }
 
-TEST(FoldersyncCli, StoppedInTheMiddleAndRunAgainLosesNothing) {
-    Machine m;
+TEST_P(FoldersyncOnEitherServer, StoppedInTheMiddleAndRunAgainLosesNothing) {
+    Machine m(GetParam());
     QStringList expected;
     for (int i = 0; i < 1500; ++i) {
         const QString below = QStringLiteral("d%1/f%2.txt").arg(i % 15).arg(i);
         Machine::Write(m.Local(below), QByteArray(2048, char('a' + i % 26)));
     }
     const QStringList before = Machine::Tree(m.Local());
-    QProcess* process = m.Start(QStringList{QStringLiteral("sync"), m.Local(), m.Server()});
+    QProcess* process = m.Start(QStringList{QStringLiteral("sync"), m.Local(), m.Remote()});
     // Stopped once the uploads have begun.
     for (int i = 0; i < 2000 && process->state() == QProcess::Running; ++i) {
         if (QFileInfo::exists(m.Server(QStringLiteral("d0")))) break;
@@ -416,5 +477,11 @@ TEST(FoldersyncCli, TheServiceFollowsTheScheduleAndAnswersRequests) {
     EXPECT_EQ(now.status, 2);
     EXPECT_TRUE(now.err.contains(QLatin1String("no service is running")));
 }
+
+INSTANTIATE_TEST_SUITE_P(Servers, FoldersyncOnEitherServer,
+                         ::testing::Values(ServerKind::LocalFolder, ServerKind::WebDav),
+                         [](const ::testing::TestParamInfo<ServerKind>& info) {
+                             return info.param == ServerKind::WebDav ? "WebDav" : "LocalFolder";
+                         });
 
 }  // namespace

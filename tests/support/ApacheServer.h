@@ -47,7 +47,7 @@ public:
     QString OtherCaFile();
     QString ErrorLog() const { return _dir.path() + QStringLiteral("/error.log"); }
 
-    // Writes a file at path (below the document root, folders made as needed) as someone else
+    // Writes a file at path (inside the document root, folders made as needed) as someone else
     // would have put it there. Backdated by two seconds, sub-second part kept: Apache marks the
     // tag of a file changed within the current second weak, and a seed is older than that.
     bool Put(const QString& path, const QByteArray& content, bool backdated = true) const;
