@@ -123,6 +123,15 @@ QDateTime WholeSecondsOf(const struct stat& st) {
     return QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec), Qt::UTC);
 }
 
+// The server grants everything it does not refuse; the text says so as the local-folder
+// server's does, one shared string for every entry. Records that a listing did not fill (an
+// entry gone from the server) have none, which the engine tells apart from the root's.
+const QString& FullPrivilegeInfo() {
+    static const QString text =
+        QStringLiteral("privileges %1").arg(sync::config::FolderConfiguration().privileges);
+    return text;
+}
+
 QString ErrorText(int error) {
     return QString::fromLocal8Bit(std::strerror(error));
 }
@@ -364,6 +373,7 @@ int WebDavServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
             f.serverPath = f.path = sync::core::JoinServerPath(root.serverPath, below);
             f.localPath = sync::core::JoinServerPath(root.localPath, below);
             f.setServerFolderId(_IdOf(e, serverPath));
+            f.privilegeInfo = FullPrivilegeInfo();
             f.lastModified = e.modified;
             foundFolders.append(f);
             if (walking) toWalk.push_back(serverPath);
@@ -377,6 +387,7 @@ int WebDavServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
             f.serverFileId =
                 e.id.isEmpty() && f.serverPath == serverPath ? f.serverPath : _IdOf(e, serverPath);
             if (!e.etag.isEmpty()) f.properties.insert(kVersionId, e.etag);
+            f.privilegeInfo = FullPrivilegeInfo();
             f.lastModified = f.serverModified = e.modified;
             if (foundFiles.empty() || foundFiles.back().size() == kListingBlock) {
                 foundFiles.emplace_back();
@@ -547,7 +558,7 @@ bool WebDavServer::GetFolderInfo(const Folder& folder, Folder& info) {
     if (!state.entry.collection) return false;
     info.setServerFolderId(_IdOf(state.entry, path));
     info.privileges = Folder().privileges;
-    info.privilegeInfo.clear();
+    info.privilegeInfo = FullPrivilegeInfo();
     return true;
 }
 
@@ -573,7 +584,7 @@ void SetServerFields(File& f, const QString& id, const QString& etag, const QDat
     else
         f.properties.insert(kVersionId, etag);
     f.privileges = File().privileges;
-    f.privilegeInfo.clear();
+    f.privilegeInfo = FullPrivilegeInfo();
     f.serverModified = modified;
 }
 

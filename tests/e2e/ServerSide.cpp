@@ -1,5 +1,8 @@
 #include "ServerSide.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -9,8 +12,10 @@
 #include <functional>
 #include <stdexcept>
 
+#include "ApacheServer.h"
 #include "LocalFolderServer.h"
 #include "ServerPaths.h"
+#include "WebDavServer.h"
 
 namespace sync {
 namespace test {
@@ -76,8 +81,17 @@ public:
         std::function<std::shared_ptr<sync::remote::RemoteBackend>(const QString& directory)>;
     using UrlOf = std::function<QString(const QString& directory)>;
 
-    DirectorySide(const Serve& serve, const UrlOf& urlOf) {
+    // Writes of the test go through afterWrite (when given) with the native path, for a
+    // backend that needs to be told. The directory is made in parent (when given).
+    using AfterWrite = std::function<void(const QString& native)>;
+
+    DirectorySide(const Serve& serve, const UrlOf& urlOf, const QString& parent = QString(),
+                  AfterWrite afterWrite = AfterWrite())
+        : _dir(parent.isEmpty() ? QDir::tempPath() + QStringLiteral("/server-XXXXXX")
+                                : parent + QStringLiteral("/server-XXXXXX")),
+          _afterWrite(std::move(afterWrite)) {
         if (!_dir.isValid()) throw std::runtime_error("no temporary folder for the server");
+        if (_afterWrite) _afterWrite(_dir.path());
         _server = serve(_dir.path());
         _baseUrl = urlOf(_dir.path());
     }
@@ -90,6 +104,7 @@ public:
     void PutFolder(const QString& path) override {
         if (!QDir().mkpath(_Native(path)))
             throw std::runtime_error("cannot make server folder " + path.toStdString());
+        if (_afterWrite) _afterWrite(_Native(path));
     }
     void PutFile(const QString& path, const QByteArray& content) override {
         // Written in place, so that the file keeps its id as a server's edited file does.
@@ -99,6 +114,7 @@ public:
             file.write(content) != content.size() || !file.flush())
             throw std::runtime_error("cannot write server file " + path.toStdString());
         file.close();
+        if (_afterWrite) _afterWrite(_Native(path));
         _Label(path, FileRecord(path, _Top()).properties.value(QStringLiteral("versionId")));
     }
     void Remove(const QString& path) override {
@@ -192,6 +208,7 @@ private:
     }
 
     QTemporaryDir _dir;
+    AfterWrite _afterWrite;
     std::shared_ptr<sync::remote::RemoteBackend> _server;
     QString _baseUrl;
     // Version ids per server path, in the order they were first seen.
@@ -212,10 +229,48 @@ std::unique_ptr<ServerSide> ServerSide::MakeLocalFolder() {
         [](const QString& directory) { return QUrl::fromLocalFile(directory).toString(); });
 }
 
+QString ServerSide::WebDavUnavailable() {
+    return ApacheServer::Unavailable();
+}
+
+std::unique_ptr<ServerSide> ServerSide::MakeWebDav() {
+    // One Apache for the program; each scenario serves a folder of its own in it.
+    static ApacheServer* apache = [] {
+        auto* server = new ApacheServer();
+        QString error;
+        if (!server->Start(&error)) throw std::runtime_error(error.toStdString());
+        return server;
+    }();
+    return std::make_unique<DirectorySide>(
+        [](const QString& directory) {
+            sync::config::ServerConfiguration account;
+            account.baseUrl = apache->Url() + QLatin1Char('/') + QFileInfo(directory).fileName();
+            return std::make_shared<sync::remote::WebDavServer>(account, QString());
+        },
+        [](const QString& directory) {
+            return apache->Url() + QLatin1Char('/') + QFileInfo(directory).fileName();
+        },
+        apache->DocumentRoot(),
+        [](const QString& native) {
+            // Apache's tag of a file changed within the current second is weak and turns
+            // strong later: a seed is dated back, as a file put there a moment ago would be.
+            struct stat st;
+            if (::stat(QFile::encodeName(native).constData(), &st) == 0 && S_ISREG(st.st_mode)) {
+                struct timespec times[2] = {st.st_atim, st.st_mtim};
+                times[1].tv_sec -= 2;
+                ::utimensat(AT_FDCWD, QFile::encodeName(native).constData(), times, 0);
+            }
+            apache->HandOver(native);
+        });
+}
+
 const std::vector<ServerSide::Kind>& ServerSide::Kinds() {
-    // A further backend is one more row: a DirectorySide over a temporary directory that it
-    // serves, made like MakeLocalFolder.
-    static const std::vector<Kind> kinds{{"Fake", &MakeFake}, {"LocalFolder", &MakeLocalFolder}};
+    // WebDAV where this machine has Apache (the test set-up installs it).
+    static const std::vector<Kind> kinds = [] {
+        std::vector<Kind> all{{"Fake", &MakeFake}, {"LocalFolder", &MakeLocalFolder}};
+        if (WebDavUnavailable().isEmpty()) all.push_back({"WebDav", &MakeWebDav});
+        return all;
+    }();
     return kinds;
 }
 

@@ -38,6 +38,10 @@ public:
     static const std::vector<Kind>& Kinds();
     static std::unique_ptr<ServerSide> MakeFake();
     static std::unique_ptr<ServerSide> MakeLocalFolder();
+    // A private Apache serving the scenario's folder over WebDAV.
+    static std::unique_ptr<ServerSide> MakeWebDav();
+    // Empty when this machine can run MakeWebDav; else why not.
+    static QString WebDavUnavailable();
 
     virtual ~ServerSide() = default;
 
