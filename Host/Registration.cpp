@@ -5,6 +5,7 @@
 #include <QUrl>
 
 #include "HttpException.h"
+#include "SyncCodes.h"
 #include "SyncEnums.h"
 
 namespace sync {
@@ -65,7 +66,8 @@ void Registration::Split(const QString& remote, QString& url, QString& serverPat
     }
 }
 
-int Registration::Register(const QString& local, const QString& remote) {
+int Registration::Register(const QString& local, const QString& remote,
+                           const Credentials& credentials) {
     _added = false;
     const QFileInfo localInfo(local);
     const QString localPath = QDir::cleanPath(localInfo.absoluteFilePath());
@@ -118,14 +120,24 @@ int Registration::Register(const QString& local, const QString& remote) {
         account.kind = sync::remote::RemoteService::KindOf(url);
         account.baseUrl = url;
         account.name = Shown(url);
-        account.userName = QUrl(remote).userName();
+        account.userName = credentials.user.isEmpty() ? QUrl(remote).userName() : credentials.user;
+        for (const auto& setting :
+             {std::make_pair(QStringLiteral("passwordFile"), credentials.passwordFile),
+              std::make_pair(QStringLiteral("caFile"), credentials.caFile)}) {
+            if (setting.second.isEmpty()) continue;
+            const QFileInfo file(setting.second);
+            if (!file.isFile() || !file.isReadable())
+                return _Fail(QStringLiteral("%1 cannot be read").arg(setting.second));
+            account.settings.insert(setting.first, file.absoluteFilePath());
+        }
     }
 
     // The server must answer before anything is written.
     const bool check = !(_trial && localServer && !QFileInfo(url).isDir());
     if (!_trial && localServer && !QDir().mkpath(url))
         return _Fail(QStringLiteral("cannot create the server folder %1").arg(url));
-    if (check) try {
+    if (check) {
+        try {
             auto backend =
                 sync::remote::RemoteService::MakeBackend(account, &HostSetup::PasswordOf);
             FolderConfiguration top, info;
@@ -134,9 +146,14 @@ int Registration::Register(const QString& local, const QString& remote) {
             if (!backend->GetFolderInfo(top, info))
                 return _Fail(QStringLiteral("%1 does not exist on the server").arg(Shown(url)));
         } catch (const sync::http::HttpException& e) {
+            if (e.code == sync::http::Unauthorized || e.code == sync::http::Forbidden)
+                return _Fail(QStringLiteral("the server %1 refused the credentials (%2)")
+                                 .arg(Shown(url))
+                                 .arg(e.code));
             return _Fail(
                 QStringLiteral("the server %1 does not answer: %2").arg(Shown(url), e.message));
         }
+    }
 
     if (newAccount) _setup.accounts->AddAccount(account);
     FolderConfiguration root;

@@ -17,9 +17,18 @@ public:
     // this machine and accepts a local server folder whose parent does not exist yet.
     explicit Registration(HostSetup& setup, bool trial = false) : _setup(setup), _trial(trial) {}
 
+    // How a WebDAV account signs in: the user (else the URL's), a file whose first line is the
+    // password (only its path is stored), and a CA bundle for a private server's certificate.
+    struct Credentials {
+        QString user;
+        QString passwordFile;
+        QString caFile;
+    };
+
     // The root folder's id (an existing one when the pair is registered already), or -1 with
-    // a one-line reason in Error().
-    int Register(const QString& local, const QString& remote);
+    // a one-line reason in Error(). credentials apply to a new account.
+    int Register(const QString& local, const QString& remote,
+                 const Credentials& credentials = Credentials());
     const QString& Error() const { return _error; }
     // True when the last Register added a new root folder.
     bool Added() const { return _added; }

@@ -55,6 +55,9 @@ const char kUsage[] =
     "      --dry-run          print the plan and change nothing\n"
     "      --allow-mass-delete  carry out a plan that deletes more than half of the files\n"
     "      --wait             wait for another process that holds the database\n"
+    "      --user NAME        the WebDAV user (else the one in the URL)\n"
+    "      --password-file F  a file whose first line is the WebDAV password\n"
+    "      --ca-file F        the certificate authority of a private https server\n"
     "  sync                sync every registered folder once\n"
     "  add LOCAL REMOTE    register a pair without syncing it\n"
     "  remove LOCAL        stop syncing a folder (its files stay on both sides)\n"
@@ -73,7 +76,8 @@ const char kUsage[] =
     "  -v, -vv     more detail on the terminal (INFO, DEBUG); the log file is under\n"
     "              ~/.local/state/foldersync\n"
     "\n"
-    "A WebDAV password is read from $FOLDERSYNC_PASSWORD, never from the command line.\n"
+    "A WebDAV password is read from $FOLDERSYNC_PASSWORD or the --password-file given when\n"
+    "the server was registered (only its path is kept), never from the command line.\n"
     "Exit status: 0 in step, 1 errors, 2 usage or configuration, 3 held back by the\n"
     "mass-deletion guard.\n";
 
@@ -102,6 +106,7 @@ struct Arguments {
     bool allowMassDelete = false;
     bool wait = false;
     bool json = false;
+    Registration::Credentials credentials;
     int count = 50;
     QString error;
 };
@@ -110,7 +115,17 @@ Arguments Parse(const QStringList& args) {
     Arguments a;
     for (int i = 0; i < args.size(); ++i) {
         const QString& arg = args[i];
-        if (arg == QLatin1String("--db") || arg == QLatin1String("-n")) {
+        if (arg == QLatin1String("--user") || arg == QLatin1String("--password-file") ||
+            arg == QLatin1String("--ca-file")) {
+            if (i + 1 >= args.size()) {
+                a.error = QStringLiteral("%1 needs a value").arg(arg);
+                return a;
+            }
+            QString& value = arg == QLatin1String("--user")            ? a.credentials.user
+                             : arg == QLatin1String("--password-file") ? a.credentials.passwordFile
+                                                                       : a.credentials.caFile;
+            value = args[++i];
+        } else if (arg == QLatin1String("--db") || arg == QLatin1String("-n")) {
             if (i + 1 >= args.size()) {
                 a.error = QStringLiteral("%1 needs a value").arg(arg);
                 return a;
@@ -290,7 +305,7 @@ int RunSync(const Arguments& a, HostSetup& setup) {
     QSet<int> ids;
     if (a.positional.size() == 2) {
         Registration registration(setup, a.dryRun);
-        const int id = registration.Register(a.positional[0], a.positional[1]);
+        const int id = registration.Register(a.positional[0], a.positional[1], a.credentials);
         if (id < 0) return Fail(registration.Error());
         if (registration.Added() && !a.dryRun)
             Out() << "registered " << QDir::cleanPath(QFileInfo(a.positional[0]).absoluteFilePath())
@@ -463,7 +478,7 @@ int RunNow(const Arguments& a, const QString& dbPath) {
 int RunAdd(const Arguments& a, HostSetup& setup) {
     if (a.positional.size() != 2) return Fail(QStringLiteral("add takes LOCAL and REMOTE"));
     Registration registration(setup);
-    const int id = registration.Register(a.positional[0], a.positional[1]);
+    const int id = registration.Register(a.positional[0], a.positional[1], a.credentials);
     if (id < 0) return Fail(registration.Error());
     Out() << (registration.Added() ? "registered " : "already registered: ")
           << QDir::cleanPath(QFileInfo(a.positional[0]).absoluteFilePath()) << "\n";
@@ -488,7 +503,9 @@ int RunRemove(const Arguments& a, HostSetup& setup) {
 
 int RunList(const Arguments& a, HostSetup& setup) {
     QJsonArray array;
-    for (const auto& root : setup.folders->GetRootFolders()) {
+    const auto roots = setup.folders->GetRootFolders();
+    if (roots.isEmpty() && !a.json) Out() << "no folder is registered\n";
+    for (const auto& root : roots) {
         const QString server = AccountUrl(setup, root.authenticationId) + root.serverPath;
         if (a.json) {
             QJsonObject o;

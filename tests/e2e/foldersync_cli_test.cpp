@@ -381,6 +381,58 @@ TEST_P(FoldersyncOnEitherServer, SyncIgnorePatternsKeepEntriesOnTheirSide) {
                            "/scratch.tmp again", "/sub/", "/sub/server.tmp again"}));
 }
 
+TEST(FoldersyncCli, AServerThatDoesNotAnswerOrRefusesTheCredentialsChangesNothing) {
+    if (!Machine::WebDavUnavailable().isEmpty())
+        GTEST_SKIP() << Machine::WebDavUnavailable().toStdString();
+    sync::test::ApacheServer::Options options;
+    options.user = QStringLiteral("alice");
+    options.password = QStringLiteral("s3cret-Pa55");
+    sync::test::ApacheServer apache(options);
+    QString error;
+    ASSERT_TRUE(apache.Start(&error)) << error.toStdString();
+    Machine m;
+    Machine::Write(m.Local(QStringLiteral("a.txt")), "a");
+    QTemporaryDir secrets;
+    const QString wrong = secrets.filePath(QStringLiteral("wrong")),
+                  right = secrets.filePath(QStringLiteral("right"));
+    Machine::Write(wrong, "not-the-password\n");
+    Machine::Write(right, options.password.toUtf8() + "\n");
+    const QString remote = apache.Url() + QStringLiteral("/Docs");
+    const QStringList sync = {QStringLiteral("sync"),
+                              m.Local(),
+                              remote,
+                              QStringLiteral("--user"),
+                              QStringLiteral("alice"),
+                              QStringLiteral("--password-file")};
+
+    const struct {
+        const char* name;
+        QStringList args;
+        const char* message;
+    } refused[] = {
+        {"nobody listens", {"sync", m.Local(), "http://127.0.0.1:1/dav/Docs"}, "does not answer"},
+        {"wrong password", sync + QStringList{wrong}, "refused the credentials (401)"},
+        {"no password", {"sync", m.Local(), remote}, "refused the credentials (401)"},
+    };
+    for (const auto& row : refused) {
+        SCOPED_TRACE(row.name);
+        const Outcome run = m(row.args);
+        EXPECT_EQ(run.status, 2);
+        EXPECT_TRUE(run.err.contains(QLatin1String(row.message))) << run.err.toStdString();
+    }
+    EXPECT_TRUE(m(QStringList{QStringLiteral("list")}).out.contains(QLatin1String("no folder")));
+
+    const Outcome accepted = m(sync + QStringList{right});
+    ASSERT_EQ(accepted.status, 0) << accepted.err.toStdString();
+    EXPECT_EQ(Machine::Tree(apache.DocumentRoot() + QStringLiteral("/Docs")),
+              QStringList{"/a.txt a"});
+    // The password is kept nowhere but in its own file.
+    QFile db(m.Database());
+    ASSERT_TRUE(db.open(QIODevice::ReadOnly));
+    EXPECT_FALSE(db.readAll().contains(options.password.toUtf8()));
+    EXPECT_FALSE((accepted.out + accepted.err).contains(options.password));
+}
+
 TEST(FoldersyncCli, ADatabaseInUseIsRefusedNamingItsHolder) {
     Machine m;
     ASSERT_EQ(m(QStringList{QStringLiteral("list")}).status, 0);
