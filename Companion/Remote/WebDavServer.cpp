@@ -812,6 +812,7 @@ bool WebDavServer::_Upload(File& f, int& status) {
         }
         hash.Add(buffer, std::size_t(n));
         sent += n;
+        if (_progress) _progress(f.localPath, sent, size);
         // Before the last bytes leave: a file written during the upload is not stored as if
         // it were one version of it.
         if (sent == size && !unchanged()) {
@@ -925,6 +926,7 @@ bool WebDavServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
             return false;
         }
         total += qint64(size);
+        if (_progress) _progress(target, total, std::max(f.size, total));
         return true;
     };
     const DavResponse r = _connection->Perform(request);

@@ -51,6 +51,9 @@ public:
         _database = std::move(files);
     }
     void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker) override;
+    void SetProgressListener(ProgressListener listener) override {
+        _progress = std::move(listener);
+    }
 
     // Throw HttpException(401) for an account other than the one served.
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
@@ -126,6 +129,7 @@ private:
     int _authenticationId;
     std::unique_ptr<WebDavConnection> _connection;
     std::shared_ptr<sync::interf::IFileConfigManager> _database;
+    ProgressListener _progress;
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
     bool _stopRequested = false;
     // Whether the server has DAV:resource-id: -1 not known yet, 0 no, 1 yes.
