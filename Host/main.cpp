@@ -549,30 +549,39 @@ int RunStatus(const Arguments& a, HostSetup& setup) {
         return Fail(QStringLiteral("%1 is not in a synced folder").arg(path), Errors);
     }
     for (const auto& root : setup.folders->GetRootFolders()) {
-        QMap<int, int> counts;
+        QMap<int, int> counts, folderCounts;
         for (const auto& file : setup.files->GetFilesByRootId(root.id))
             ++counts[static_cast<int>(file.syncStatus)];
+        for (const auto& folder : setup.folders->GetFoldersByRootId(root.id))
+            if (folder.id != root.id) ++folderCounts[static_cast<int>(folder.getSyncStatus())];
+        const auto countsText = [](const QMap<int, int>& byStatus) {
+            QStringList parts;
+            for (auto it = byStatus.cbegin(); it != byStatus.cend(); ++it)
+                parts << QStringLiteral("%1 %2").arg(it.value()).arg(StatusName(it.key()));
+            return parts.isEmpty() ? QStringLiteral("none") : parts.join(QStringLiteral(", "));
+        };
+        const auto countsJson = [](const QMap<int, int>& byStatus) {
+            QJsonObject object;
+            for (auto it = byStatus.cbegin(); it != byStatus.cend(); ++it)
+                object.insert(StatusName(it.key()), it.value());
+            return object;
+        };
         const QDateTime last = root.lastSyncTime;
         const QString lastText =
             last.isValid() ? last.toLocalTime().toString(Qt::ISODate) : QStringLiteral("never");
         const int status = static_cast<int>(root.getSyncStatus());
         if (a.json) {
-            QJsonObject files;
-            for (auto it = counts.cbegin(); it != counts.cend(); ++it)
-                files.insert(StatusName(it.key()), it.value());
             QJsonObject o;
             o.insert(QStringLiteral("local"), root.localPath);
             o.insert(QStringLiteral("status"), StatusName(status));
             o.insert(QStringLiteral("lastSync"),
                      last.isValid() ? last.toUTC().toString(Qt::ISODate) : QString());
-            o.insert(QStringLiteral("files"), files);
+            o.insert(QStringLiteral("files"), countsJson(counts));
+            o.insert(QStringLiteral("folders"), countsJson(folderCounts));
             array.append(o);
         } else {
-            QStringList parts;
-            for (auto it = counts.cbegin(); it != counts.cend(); ++it)
-                parts << QStringLiteral("%1 %2").arg(it.value()).arg(StatusName(it.key()));
             Out() << root.localPath << ": " << StatusName(status) << ", last sync " << lastText
-                  << ", files: " << (parts.isEmpty() ? QStringLiteral("none") : parts.join(", "))
+                  << ", files: " << countsText(counts) << "; folders: " << countsText(folderCounts)
                   << "\n";
         }
     }
