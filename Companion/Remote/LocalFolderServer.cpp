@@ -338,7 +338,7 @@ void SplitNative(const QByteArray& native, QByteArray& parent, QByteArray& name)
     name = native.mid(slash + 1);
 }
 
-// The name pattern CreateTemporary makes: ".<name>.<hex>.TMP".
+// The name pattern CreateTemporary makes.
 bool IsUploadTemporary(const char* name) {
     return name[0] == '.' && RemoteBackend::IsUploadTemporaryName(QString::fromUtf8(name));
 }
@@ -346,7 +346,8 @@ bool IsUploadTemporary(const char* name) {
 // A name no one else uses in the folder, created for writing; -1 with errno set.
 int CreateTemporary(int dirFd, const QByteArray& name, QByteArray& temporary) {
     for (int attempt = 0; attempt < 16; ++attempt) {
-        temporary = '.' + name.left(kTemporaryNameBytes) + '.' +
+        temporary = '.' + name.left(kTemporaryNameBytes) +
+                    QByteArray(RemoteBackend::UploadTemporaryMark().data()) +
                     QByteArray::number(QRandomGenerator::global()->generate(), 16) + '.' +
                     sync::core::consts::TEMP_FILE_EXTN.toUtf8();
         const int fd = ::openat(dirFd, temporary.constData(),

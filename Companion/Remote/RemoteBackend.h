@@ -48,17 +48,20 @@ public:
     // -1 when it never did.
     virtual int RetryAfterSeconds() const { return -1; }
 
-    // The name of an upload's temporary file in a server folder, as the local-folder server
-    // writes it: ".<name>.<1 to 8 hex digits>.TMP". Never content for any backend, since one
-    // folder may be served both as a local folder and over WebDAV.
+    // The marked part of an upload's temporary file name in a server folder:
+    // ".<name>.{SyncUpload}<1 to 8 hex digits>.TMP". Such a file is never content for any
+    // backend, since one folder may be served both as a local folder and over WebDAV; the
+    // braces keep it apart from any name a user would give a file.
+    static QLatin1String UploadTemporaryMark() { return QLatin1String(".{SyncUpload}"); }
     static bool IsUploadTemporaryName(QStringView name) {
         const QLatin1String extension(".TMP");
         if (name.size() < 4 || name.at(0) != QLatin1Char('.') || !name.endsWith(extension))
             return false;
         const QStringView stem = name.left(name.size() - extension.size());
-        const int dot = int(stem.lastIndexOf(QLatin1Char('.')));
-        if (dot <= 0 || dot == stem.size() - 1 || stem.size() - dot - 1 > 8) return false;
-        for (int i = dot + 1; i < stem.size(); ++i) {
+        const int mark = int(stem.lastIndexOf(UploadTemporaryMark()));
+        const int digits = int(stem.size()) - mark - int(UploadTemporaryMark().size());
+        if (mark <= 0 || digits < 1 || digits > 8) return false;
+        for (int i = int(stem.size()) - digits; i < stem.size(); ++i) {
             const char16_t c = stem.at(i).unicode();
             if (!((c >= u'0' && c <= u'9') || (c >= u'a' && c <= u'f') || (c >= u'A' && c <= u'F')))
                 return false;

@@ -367,13 +367,16 @@ TEST_P(RemoteContract, HiddenEntriesOnlyWhenTheRootAsksAndNeverTheEnginesOwnFold
     backend->PutFile(QStringLiteral("/Docs/.{SyncTemp}/t.TMP"), "4");
     backend->PutFile(QStringLiteral("/Docs/.{SyncBackup}/b.BASE"), "5");
     // What an upload that died half-way leaves: never content, hidden entries or not.
-    backend->PutFile(QStringLiteral("/Docs/.shown.txt.1f2e3d.TMP"), "6");
+    backend->PutFile(QStringLiteral("/Docs/.shown.txt.{SyncUpload}1f2e3d.TMP"), "6");
+    // A user's own file of a similar name is content like any other.
+    backend->PutFile(QStringLiteral("/Docs/.report.2024.TMP"), "7");
     const struct {
         int syncOption;
         QStringList names;
     } rows[] = {
         {sync::config::NoSyncOption, {"shown.txt"}},
-        {sync::config::SyncHiddenEntries, {".dir", ".hidden", "in.txt", "shown.txt"}},
+        {sync::config::SyncHiddenEntries,
+         {".dir", ".hidden", ".report.2024.TMP", "in.txt", "shown.txt"}},
     };
     for (const auto& row : rows) {
         root.setSyncOption(row.syncOption);
