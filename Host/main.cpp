@@ -16,6 +16,7 @@
 #include <QTextStream>
 #include <QThread>
 #include <cstdio>
+#include <functional>
 
 #include "ActionLogWording.h"
 #include "ConsoleReporter.h"
@@ -68,7 +69,7 @@ const char kUsage[] =
     "                      stopped (Ctrl-C or SIGTERM)\n"
     "  schedule continuous|periodic SECONDS|daily HH:MM|manual\n"
     "                      when run syncs; a running service picks the change up\n"
-    "  now                 ask the running service for a sync now\n"
+    "  now                 ask the running service for a sync now (or send it SIGUSR1)\n"
     "\n"
     "Options:\n"
     "  --db FILE   the configuration database (default: $FOLDERSYNC_DB, else\n"
@@ -168,21 +169,33 @@ Arguments Parse(const QStringList& args) {
 // SIGINT and SIGTERM ask the cycle to stop after the entry it is working on; they reach the
 // event loop through a pipe, since a signal handler may do next to nothing.
 int g_signalPipe[2] = {-1, -1};
+constexpr char kStopByte = 1;
+constexpr char kWakeByte = 2;
 
-void OnSignal(int) {
-    const char byte = 1;
-    if (::write(g_signalPipe[1], &byte, 1) < 0) {
+void OnStopSignal(int) {
+    if (::write(g_signalPipe[1], &kStopByte, 1) < 0) {
         // Nothing a signal handler can do about it.
     }
 }
 
-void InstallStopSignals(QObject* parent) {
+void OnWakeSignal(int) {
+    if (::write(g_signalPipe[1], &kWakeByte, 1) < 0) {
+    }
+}
+
+// wake (when given) runs at SIGUSR1: a script's way to ask the running service for a cycle.
+void InstallStopSignals(QObject* parent, std::function<void()> wake = {}) {
     if (::pipe2(g_signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) return;
     auto* notifier = new QSocketNotifier(g_signalPipe[0], QSocketNotifier::Read, parent);
-    QObject::connect(notifier, &QSocketNotifier::activated, parent, [] {
+    QObject::connect(notifier, &QSocketNotifier::activated, parent, [wake] {
+        bool stop = false, woken = false;
         char byte;
         while (::read(g_signalPipe[0], &byte, 1) > 0) {
+            stop = stop || byte == kStopByte;
+            woken = woken || byte == kWakeByte;
         }
+        if (woken && wake && !stop) wake();
+        if (!stop) return;
         Err() << "foldersync: stopping after the current file (press Ctrl-C again to "
                  "abort)\n";
         Err().flush();
@@ -192,11 +205,15 @@ void InstallStopSignals(QObject* parent) {
         ::signal(SIGTERM, SIG_DFL);
     });
     struct sigaction action = {};
-    action.sa_handler = OnSignal;
+    action.sa_handler = OnStopSignal;
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_RESTART;
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    if (wake) {
+        action.sa_handler = OnWakeSignal;
+        sigaction(SIGUSR1, &action, nullptr);
+    }
 }
 
 // Only the chosen root folders take part in the cycle.
@@ -410,7 +427,8 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
     QObject::connect(&thread, &QThread::finished, service, &QObject::deleteLater);
     QObject::connect(&thread, &QThread::finished, QCoreApplication::instance(),
                      &QCoreApplication::quit);
-    InstallStopSignals(QCoreApplication::instance());
+    // The host application is the one that says "the user asked for a cycle now".
+    InstallStopSignals(QCoreApplication::instance(), [host] { emit host->SyncNowInvoked(); });
     Out() << "foldersync: keeping " << RootPaths(setup).size()
           << " folder(s) in step; Ctrl-C stops\n";
     Out().flush();

@@ -520,6 +520,10 @@ TEST(FoldersyncCli, TheServiceFollowsTheScheduleAndAnswersRequests) {
     EXPECT_FALSE(QFileInfo::exists(m.Server(QStringLiteral("c.txt"))));
     EXPECT_EQ(m(QStringList{QStringLiteral("now")}).status, 0);
     EXPECT_TRUE(Appears(m.Server(QStringLiteral("c.txt"))));
+    // A script's way to ask for a cycle.
+    Machine::Write(m.Local(QStringLiteral("d.txt")), "d");
+    ::kill(static_cast<pid_t>(service->processId()), SIGUSR1);
+    EXPECT_TRUE(Appears(m.Server(QStringLiteral("d.txt"))));
 
     ::kill(static_cast<pid_t>(service->processId()), SIGTERM);
     Outcome stopped = Machine::Finish(service);
