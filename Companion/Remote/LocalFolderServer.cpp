@@ -132,11 +132,25 @@ bool Allowed(int dirFd, const char* name, int mode) {
 
 // Deleting or replacing an entry is a write to its folder; reading a folder's entries needs
 // search permission besides read.
-int PrivilegesOf(int dirFd, const char* name, bool isFolder, bool folderWritable) {
+//
+// With the entry's status at hand, an entry of this process's own user is judged by its owner
+// bits, which are exact for the owner also under access control lists, and the super-user may
+// do anything: two system calls fewer per listed entry. Anyone else asks the kernel.
+int PrivilegesOf(int dirFd, const char* name, bool isFolder, bool folderWritable,
+                 const struct stat* st = nullptr) {
+    static const uid_t self = ::geteuid();
+    const auto allowed = [&](int mode) {
+        if (st && self == 0) return true;
+        if (st && st->st_uid == self)
+            return ((mode & R_OK) == 0 || (st->st_mode & S_IRUSR)) &&
+                   ((mode & W_OK) == 0 || (st->st_mode & S_IWUSR)) &&
+                   ((mode & X_OK) == 0 || (st->st_mode & S_IXUSR));
+        return Allowed(dirFd, name, mode);
+    };
     const int search = isFolder ? X_OK : 0;
     int privileges = 0;
-    if (Allowed(dirFd, name, R_OK | search)) privileges |= PrivilegeDownload;
-    if (isFolder ? Allowed(dirFd, name, W_OK | X_OK) : folderWritable && Allowed(dirFd, name, W_OK))
+    if (allowed(R_OK | search)) privileges |= PrivilegeDownload;
+    if (isFolder ? allowed(W_OK | X_OK) : folderWritable && allowed(W_OK))
         privileges |= PrivilegeUpload;
     if (folderWritable) privileges |= PrivilegeDelete;
     return privileges;
@@ -942,7 +956,7 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
                 continue;
             }
             const QString below = isRoot ? decoded : current.below + QLatin1Char('/') + decoded;
-            const int privileges = PrivilegesOf(dirFd, name, isFolder, writable);
+            const int privileges = PrivilegesOf(dirFd, name, isFolder, writable, &st);
             if (isFolder) {
                 if (directOnly) continue;
                 QByteArray native = current.native;
