@@ -1,5 +1,7 @@
 #include "ConfigEntryInfoTreeRetriever.h"
 
+#include <algorithm>
+
 #include "SyncLog.h"
 #include "TransactionalScope.h"
 
@@ -19,7 +21,7 @@ std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
     FolderConfiguration& root) {
     auto tree = std::make_shared<EntryInfoTree>();
 
-    const QVector<FileConfiguration> files = _fileConfigManager->GetFilesByRootId(root.id, false);
+    QVector<FileConfiguration> files = _fileConfigManager->GetFilesByRootId(root.id, false);
     const QVector<FolderConfiguration> folders = _folderConfigManager->GetFoldersByRootId(root.id);
 
     // Later records replace earlier ones under the same key: the last one returned is kept.
@@ -28,25 +30,40 @@ std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
     tree->fileMap.reserve(files.size());
     for (const FolderConfiguration& folder : folders)
         tree->folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
-    for (const FileConfiguration& file : files)
-        tree->fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+    // The records move into the tree: the query result is not needed afterwards.
+    QVector<ReplacedFile> replaced;
+    int duplicates = 0;
+    EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
+        const QString key = EntryInfoTree::KeyOf(file.serverPath);
+        const auto existing = tree->fileMap.find(key);
+        if (existing == tree->fileMap.end()) {
+            EntryInfoTree::Put(tree->fileMap, key, std::move(file));
+        } else {
+            ++duplicates;
+            if (existing->id != file.id)
+                replaced.append(ReplacedFile{existing->id, existing->localPath});
+            *existing = std::move(file);
+        }
+        return true;
+    });
 
-    if (files.size() != tree->fileMap.size()) _RemoveDuplicateFiles(files, *tree);
+    if (duplicates > 0) _RemoveDuplicateFiles(duplicates, replaced);
     if (folders.size() != tree->folderMap.size()) _RemoveDuplicateFolders(folders, *tree);
 
     // The tree already holds exactly the records that stay in the database.
     return tree;
 }
 
-void ConfigEntryInfoTreeRetriever::_RemoveDuplicateFiles(const QVector<FileConfiguration>& files,
-                                                         const EntryInfoTree& tree) {
+void ConfigEntryInfoTreeRetriever::_RemoveDuplicateFiles(int duplicates,
+                                                         QVector<ReplacedFile>& replaced) {
     SYNC_LOG_WARN("%1 duplicate file(s) found in sync database. Removing duplicate files.",
-                  files.size() - tree.fileMap.size());
+                  duplicates);
+    // In the order the records were read (by id), not the order they were replaced in.
+    std::stable_sort(replaced.begin(), replaced.end(),
+                     [](const ReplacedFile& a, const ReplacedFile& b) { return a.id < b.id; });
     // The scope runs out without commit(): it keeps the removals unless an exception unwinds.
     sync::database::TransactionalScope scope;
-    for (const FileConfiguration& file : files) {
-        const auto kept = tree.fileMap.constFind(EntryInfoTree::KeyOf(file.serverPath));
-        if (kept == tree.fileMap.constEnd() || kept->id == file.id) continue;
+    for (const ReplacedFile& file : replaced) {
         SYNC_LOG_WARN("Removing duplicate file from database: %1", file.localPath);
         _fileConfigManager->RemoveFile(file.id);
     }

@@ -24,8 +24,12 @@ public:
         sync::config::FolderConfiguration& root) override;
 
 private:
-    void _RemoveDuplicateFiles(const QVector<sync::config::FileConfiguration>& files,
-                               const EntryInfoTree& tree);
+    // A record that a later one of the same key replaced in the tree.
+    struct ReplacedFile {
+        int id;
+        QString localPath;
+    };
+    void _RemoveDuplicateFiles(int duplicates, QVector<ReplacedFile>& replaced);
     void _RemoveDuplicateFolders(const QVector<sync::config::FolderConfiguration>& folders,
                                  const EntryInfoTree& tree);
 

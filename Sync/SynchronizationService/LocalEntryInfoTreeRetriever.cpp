@@ -14,10 +14,36 @@ using sync::config::FolderConfiguration;
 
 namespace {
 
+ushort AsciiLower(ushort c) {
+    return c >= 'A' && c <= 'Z' ? ushort(c + ('a' - 'A')) : c;
+}
+
+bool IsAscii(QStringView text) {
+    for (const QChar c : text)
+        if (c.unicode() >= 0x80) return false;
+    return true;
+}
+
+// Qt's case-insensitive search folds every character through the Unicode tables, which costs
+// the walk of a large tree a good share of its time. Between ASCII texts, folding is lowering
+// A-Z, and this search gives the same answer; anything else goes to Qt.
+bool ContainsIgnoringCase(QStringView text, QStringView part) {
+    if (!IsAscii(text) || !IsAscii(part)) return text.contains(part, Qt::CaseInsensitive);
+    const qsizetype last = text.size() - part.size();
+    for (qsizetype start = 0; start <= last; ++start) {
+        qsizetype i = 0;
+        while (i < part.size() &&
+               AsciiLower(text[start + i].unicode()) == AsciiLower(part[i].unicode()))
+            ++i;
+        if (i == part.size()) return true;
+    }
+    return false;
+}
+
 // The engine's own temporary and backup folders are never content, in any letter case.
 bool IsInEngineFolder(const QString& path) {
-    return path.contains(sync::core::consts::TEMP_FOLDER_NAME, Qt::CaseInsensitive) ||
-           path.contains(sync::core::consts::BASE_FOLDER_NAME, Qt::CaseInsensitive);
+    return ContainsIgnoringCase(path, sync::core::consts::TEMP_FOLDER_NAME) ||
+           ContainsIgnoringCase(path, sync::core::consts::BASE_FOLDER_NAME);
 }
 
 // The tree keeps a string per entry and field for the whole cycle; the walker's strings may

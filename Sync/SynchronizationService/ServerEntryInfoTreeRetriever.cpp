@@ -115,26 +115,26 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
     tree.folderMap.insert(EntryInfoTree::KeyOf(root.serverPath), root);
 }
 
-bool ServerEntryInfoTreeRetriever::_AddFiles(const QVector<FileConfiguration>& files,
-                                             EntryInfoTree& tree,
+bool ServerEntryInfoTreeRetriever::_AddFiles(QVector<FileConfiguration>& files, EntryInfoTree& tree,
                                              sync::interf::ICheckForExit& checkForExit,
                                              int& filteredCount) {
-    for (const FileConfiguration& file : files) {
+    // The listing is ours and dies here: its records move into the tree.
+    return EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
         if (checkForExit.ShouldExit()) return false;
         const QString key = EntryInfoTree::KeyOf(file.serverPath);
         if (_FilterFile(file) || _FilterFileNameByMaxLength(file)) {
             ++filteredCount;
             tree.excludedFileKeys.insert(key);
             SYNC_LOG_DEBUG("Filtered out server file %1", file.serverPath);
-            continue;
+            return true;
         }
         const QStringList clash =
             tree.PutWalked(tree.fileMap, tree.excludedFileKeys, tree.clashingFileKeys, key,
-                           FileConfiguration(file), &FileConfiguration::serverPath);
+                           std::move(file), &FileConfiguration::serverPath);
         filteredCount += clash.size();
         _ReportClash(clash, /*folders=*/false);
-    }
-    return true;
+        return true;
+    });
 }
 
 bool ServerEntryInfoTreeRetriever::_AddFolders(const QVector<FolderConfiguration>& folders,

@@ -43,7 +43,7 @@ private:
     void _GetEntryInfoTree(sync::config::FolderConfiguration& root, EntryInfoTree& tree);
     void _GetRootEntryInfo(sync::config::FolderConfiguration& root, EntryInfoTree& tree);
     // Adds the listed entries that pass the filters; false when stopped by an exit request.
-    bool _AddFiles(const QVector<sync::config::FileConfiguration>& files, EntryInfoTree& tree,
+    bool _AddFiles(QVector<sync::config::FileConfiguration>& files, EntryInfoTree& tree,
                    sync::interf::ICheckForExit& checkForExit, int& filteredCount);
     // Reports each entry of a letter-case clash as filtered out.
     void _ReportClash(const QStringList& paths, bool folders);
