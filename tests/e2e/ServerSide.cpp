@@ -235,23 +235,25 @@ QString ServerSide::WebDavUnavailable() {
 
 std::unique_ptr<ServerSide> ServerSide::MakeWebDav() {
     // One Apache for the program; each scenario serves a folder of its own in it.
-    static ApacheServer* apache = [] {
-        auto* server = new ApacheServer();
+    // Stopped when the program ends, with the static's destruction.
+    static const std::unique_ptr<ApacheServer> server = [] {
+        auto started = std::make_unique<ApacheServer>();
         QString error;
-        if (!server->Start(&error)) throw std::runtime_error(error.toStdString());
-        return server;
+        if (!started->Start(&error)) throw std::runtime_error(error.toStdString());
+        return started;
     }();
+    ApacheServer* apache = server.get();
     return std::make_unique<DirectorySide>(
-        [](const QString& directory) {
+        [apache](const QString& directory) {
             sync::config::ServerConfiguration account;
             account.baseUrl = apache->Url() + QLatin1Char('/') + QFileInfo(directory).fileName();
             return std::make_shared<sync::remote::WebDavServer>(account, QString());
         },
-        [](const QString& directory) {
+        [apache](const QString& directory) {
             return apache->Url() + QLatin1Char('/') + QFileInfo(directory).fileName();
         },
         apache->DocumentRoot(),
-        [](const QString& native) {
+        [apache](const QString& native) {
             // Apache's tag of a file changed within the current second is weak and turns
             // strong later: a seed is dated back, as a file put there a moment ago would be.
             struct stat st;

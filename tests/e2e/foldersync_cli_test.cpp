@@ -15,6 +15,7 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QThread>
+#include <memory>
 #include "ApacheServer.h"
 
 // Failures show lists as text, one entry per line (found by argument-dependent lookup).
@@ -140,9 +141,10 @@ private:
     static QString Below(const QString& below) {
         return below.isEmpty() ? QString() : QLatin1Char('/') + below;
     }
+    // Stopped when the program ends, with the static's destruction.
     static sync::test::ApacheServer& Apache() {
-        static sync::test::ApacheServer* apache = [] {
-            auto* server = new sync::test::ApacheServer();
+        static const std::unique_ptr<sync::test::ApacheServer> apache = [] {
+            auto server = std::make_unique<sync::test::ApacheServer>();
             QString error;
             if (!server->Start(&error)) ADD_FAILURE() << error.toStdString();
             return server;
