@@ -13,6 +13,10 @@ struct Sha256::Context {
 };
 
 Sha256::Sha256() : _context(new Context) {
+    Reset();
+}
+
+void Sha256::Reset() {
     _failed = !_context->ctx || EVP_DigestInit_ex(_context->ctx, EVP_sha256(), nullptr) != 1;
 }
 

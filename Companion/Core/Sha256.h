@@ -16,6 +16,8 @@ public:
     Sha256(const Sha256&) = delete;
     Sha256& operator=(const Sha256&) = delete;
 
+    // Starts over, as if nothing had been added (a transfer that is sent again).
+    void Reset();
     void Add(const char* data, std::size_t size);
     // The hash of everything added; empty when OpenSSL failed. Ends the hashing.
     QString HexResult();

@@ -29,6 +29,7 @@
 #include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
+#include "TransferSupport.h"
 
 namespace sync {
 namespace remote {
@@ -47,17 +48,6 @@ namespace {
 constexpr std::size_t kCopyBlockSize = std::size_t(1) << 20;
 // Room left in a name for the dot, the random part and the extension of a temporary file.
 constexpr int kTemporaryNameBytes = 200;
-
-class FdCloser {
-public:
-    explicit FdCloser(int fd) : fd(fd) {}
-    FdCloser(const FdCloser&) = delete;
-    FdCloser& operator=(const FdCloser&) = delete;
-    ~FdCloser() {
-        if (fd >= 0) ::close(fd);
-    }
-    const int fd;
-};
 
 class DirCloser {
 public:
@@ -172,11 +162,6 @@ QString ShownPath(const Record& r) {
     return r.localPath.isEmpty() ? r.serverPath : r.localPath;
 }
 
-QString Normalized(QString path) {
-    while (path.endsWith(QLatin1Char('/'))) path.chop(1);
-    return path;
-}
-
 // Removes the entry and everything below it without following links; 0 or the errno.
 int RemoveEntry(int parentFd, const char* name) {
     struct stat st;
@@ -281,37 +266,6 @@ QString LocalFolderServer::BuildUrl(const sync::config::ServerConfiguration& ser
 // --- Transfers ------------------------------------------------------------------------------
 
 namespace {
-
-QString ErrorText(int error) {
-    return QString::fromLocal8Bit(std::strerror(error));
-}
-
-// Whole seconds: the database keeps no finer time, and the local side compares in seconds.
-QDateTime WholeSecondsOf(const struct stat& st) {
-    return QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec), Qt::UTC);
-}
-
-// Size and modification time tell a local file's version; on the server side the change time
-// too, as the version ids do.
-bool SameStamp(const struct stat& a, const struct stat& b, bool withChangeTime) {
-    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec &&
-           (!withChangeTime ||
-            (a.st_ctim.tv_sec == b.st_ctim.tv_sec && a.st_ctim.tv_nsec == b.st_ctim.tv_nsec));
-}
-
-bool WriteAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= std::size_t(n);
-    }
-    return true;
-}
 
 // Copies in to out to the end, hashing what passes; the bytes copied, or -1 with readError or
 // writeError set, so that the caller knows which side failed.
@@ -737,35 +691,15 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
     }
     const QString downloadedHash = hash.HexResult();
 
-    // The local file must still be the one planned: an edit made since then is the user's
-    // work and is not overwritten. A file that already holds this content loses nothing.
-    // Time stamps count in whole seconds, so an edit of the same size within the second of
-    // the last sync only shows in the content: the recorded hash decides.
-    struct stat local;
-    if (::lstat(nativeTarget.constData(), &local) == 0) {
-        const bool stampAsRecorded =
-            S_ISREG(local.st_mode) && record.lastModified.isValid() &&
-            qint64(local.st_size) == record.size &&
-            qint64(local.st_mtim.tv_sec) == record.lastModified.toSecsSinceEpoch();
-        const QString localHash = S_ISREG(local.st_mode)
-                                      ? sync::core::CryptographicHash().GetFileHash(target)
-                                      : QString();
-        const bool asRecorded =
-            stampAsRecorded && (record.checksum.isEmpty() || localHash == record.checksum);
-        const bool sameContent = qint64(local.st_size) == total && localHash == downloadedHash;
-        if (!asRecorded && !sameContent) {
-            if (stampAsRecorded) {
-                // Unseen by its time stamp, the edit would never be uploaded and this
-                // download would fail for ever: a record without a time makes the next cycle
-                // hash the file and find the change.
-                record.lastModified = QDateTime();
-            }
+    // The local file must still be the one planned.
+    switch (JudgeLocalTarget(target, record, total, downloadedHash)) {
+        case LocalTarget::Replaceable:
+            break;
+        case LocalTarget::Edited:
             status = sync::http::Conflict;
             return false;
-        }
-    } else if (errno != ENOENT) {
-        SYNC_LOG_WARN("Cannot examine %1: %2", target, ErrorText(errno));
-        return false;
+        case LocalTarget::Unreadable:
+            return false;
     }
     if (::rename(nativeTemporary.constData(), nativeTarget.constData()) != 0) {
         SYNC_LOG_WARN("Cannot move the download into %1: %2", target, ErrorText(errno));

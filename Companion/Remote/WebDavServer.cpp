@@ -1,7 +1,6 @@
 #include "WebDavServer.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <sys/stat.h>
 
 #include <unistd.h>
@@ -22,9 +21,11 @@
 #include "HttpException.h"
 #include "QFileWrapper.h"
 #include "ServerPaths.h"
+#include "Sha256.h"
 #include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
+#include "TransferSupport.h"
 #include "WebDavConnection.h"
 #include "WebDavMultistatus.h"
 
@@ -47,43 +48,6 @@ constexpr std::size_t kListingBlock = 8192;
 // How long after reading a weak tag its file's tag is strong again, with a margin.
 constexpr qint64 kWeakTagMilliseconds = 1100;
 
-class FdCloser {
-public:
-    explicit FdCloser(int fd) : fd(fd) {}
-    FdCloser(const FdCloser&) = delete;
-    FdCloser& operator=(const FdCloser&) = delete;
-    ~FdCloser() {
-        if (fd >= 0) ::close(fd);
-    }
-    const int fd;
-};
-
-// SHA-256 through OpenSSL, as the rest of the system hashes files.
-class Sha256 {
-public:
-    Sha256() : _ctx(EVP_MD_CTX_new()) { Reset(); }
-    ~Sha256() { EVP_MD_CTX_free(_ctx); }
-    Sha256(const Sha256&) = delete;
-    Sha256& operator=(const Sha256&) = delete;
-    void Reset() { EVP_DigestInit_ex(_ctx, EVP_sha256(), nullptr); }
-    void Add(const char* data, std::size_t size) { EVP_DigestUpdate(_ctx, data, size); }
-    QString Hex() {
-        unsigned char digest[EVP_MAX_MD_SIZE];
-        unsigned int length = 0;
-        EVP_DigestFinal_ex(_ctx, digest, &length);
-        return QString::fromLatin1(
-            QByteArray(reinterpret_cast<const char*>(digest), int(length)).toHex());
-    }
-
-private:
-    EVP_MD_CTX* _ctx;
-};
-
-QString Normalized(QString path) {
-    while (path.endsWith(QLatin1Char('/'))) path.chop(1);
-    return path;
-}
-
 template <typename Record>
 QString ShownPath(const Record& r) {
     return r.localPath.isEmpty() ? r.serverPath : r.localPath;
@@ -100,29 +64,6 @@ bool SameTag(const QString& a, const QString& b) {
     return (IsWeak(a) ? a.mid(2) : a) == (IsWeak(b) ? b.mid(2) : b);
 }
 
-bool WriteAll(int fd, const char* data, std::size_t size) {
-    while (size > 0) {
-        const ssize_t n = ::write(fd, data, size);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-        }
-        data += n;
-        size -= std::size_t(n);
-    }
-    return true;
-}
-
-bool SameStamp(const struct stat& a, const struct stat& b) {
-    return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec &&
-           a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
-}
-
-// Whole seconds: the database keeps no finer time, and the local side compares in seconds.
-QDateTime WholeSecondsOf(const struct stat& st) {
-    return QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec), Qt::UTC);
-}
-
 // The server grants everything it does not refuse; the text says so as the local-folder
 // server's does, one shared string for every entry. Records that a listing did not fill (an
 // entry gone from the server) have none, which the engine tells apart from the root's.
@@ -130,10 +71,6 @@ const QString& FullPrivilegeInfo() {
     static const QString text =
         QStringLiteral("privileges %1").arg(sync::config::FolderConfiguration().privileges);
     return text;
-}
-
-QString ErrorText(int error) {
-    return QString::fromLocal8Bit(std::strerror(error));
 }
 
 }  // namespace
@@ -702,7 +639,7 @@ bool WebDavServer::_Upload(File& f, int& status) {
 
     if (exists && server.entry.size == size) {
         // Same size: compare the bytes as they come back, and send nothing when they agree.
-        Sha256 localHash;
+        sync::core::Sha256 localHash;
         std::vector<char> block;
         qint64 offset = 0;
         bool same = true;
@@ -729,7 +666,7 @@ bool WebDavServer::_Upload(File& f, int& status) {
         }
         if (same && r.Ok() && offset == size && unchanged() &&
             (r.etag.isEmpty() || SameTag(QString::fromLatin1(r.etag), server.entry.etag)))
-            return settle(server.entry, localHash.Hex());
+            return settle(server.entry, localHash.HexResult());
     }
 
     QList<QByteArray> headers;
@@ -789,7 +726,7 @@ bool WebDavServer::_Upload(File& f, int& status) {
     // Small bodies go at once: waiting for "100 Continue" would cost a round trip per file
     // for little gain; a refused large body is better not sent at all.
     if (size < kExpectContinueBytes) headers << "Expect:";
-    Sha256 hash;
+    sync::core::Sha256 hash;
     qint64 sent = 0;
     bool changed = false;
     WebDavConnection::Request request;
@@ -844,7 +781,7 @@ bool WebDavServer::_Upload(File& f, int& status) {
             status = sync::http::Conflict;
         return false;
     }
-    const QString digest = hash.Hex();
+    const QString digest = hash.HexResult();
     // The answer to PUT carries no tag on every server; the entry as it is now does.
     const RemoteState stored = _Stat(serverPath);
     if (stored.status != 0) {
@@ -912,7 +849,7 @@ bool WebDavServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
         }
     } remover{nativeTemporary, renamed};
 
-    Sha256 hash;
+    sync::core::Sha256 hash;
     qint64 total = 0;
     int writeError = 0;
     WebDavConnection::Request request;
@@ -963,42 +900,17 @@ bool WebDavServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
         SYNC_LOG_WARN("Cannot write %1: %2", temporary, ErrorText(errno));
         return false;
     }
-    const QString downloadedHash = hash.Hex();
+    const QString downloadedHash = hash.HexResult();
 
-    // The local file must still be the one planned: an edit made since then is the user's
-    // work and is not overwritten. A file that already holds this content loses nothing.
-    struct stat local;
-    if (::lstat(nativeTarget.constData(), &local) == 0) {
-        // Time stamps count in whole seconds, so an edit of the same size within the second
-        // of the last sync only shows in the content: the recorded hash decides.
-        const bool stampAsRecorded =
-            S_ISREG(local.st_mode) && record.lastModified.isValid() &&
-            qint64(local.st_size) == record.size &&
-            qint64(local.st_mtim.tv_sec) == record.lastModified.toSecsSinceEpoch();
-        QString localHashText;
-        if (S_ISREG(local.st_mode) && (stampAsRecorded || qint64(local.st_size) == total)) {
-            const FdCloser in(::open(nativeTarget.constData(), O_RDONLY | O_CLOEXEC));
-            Sha256 localHash;
-            std::vector<char> block(kCompareBlockBytes);
-            ssize_t n = 0;
-            while (in.fd >= 0 && (n = ::read(in.fd, block.data(), block.size())) > 0)
-                localHash.Add(block.data(), std::size_t(n));
-            if (in.fd >= 0 && n == 0) localHashText = localHash.Hex();
-        }
-        const bool asRecorded =
-            stampAsRecorded && (record.checksum.isEmpty() || localHashText == record.checksum);
-        const bool sameContent = qint64(local.st_size) == total && !localHashText.isEmpty() &&
-                                 localHashText == downloadedHash;
-        if (!asRecorded && !sameContent) {
-            // Unseen by its time stamp, the edit would never be uploaded and this download
-            // would fail for ever: a record without a time makes the next cycle hash the file.
-            if (stampAsRecorded) record.lastModified = QDateTime();
+    // The local file must still be the one planned.
+    switch (JudgeLocalTarget(target, record, total, downloadedHash)) {
+        case LocalTarget::Replaceable:
+            break;
+        case LocalTarget::Edited:
             status = sync::http::Conflict;
             return false;
-        }
-    } else if (errno != ENOENT) {
-        SYNC_LOG_WARN("Cannot examine %1: %2", target, ErrorText(errno));
-        return false;
+        case LocalTarget::Unreadable:
+            return false;
     }
     if (::rename(nativeTemporary.constData(), nativeTarget.constData()) != 0) {
         SYNC_LOG_WARN("Cannot move the download into %1: %2", target, ErrorText(errno));
