@@ -95,6 +95,12 @@ void Query::_MakeColumns() const {
     for (int i = 0; i < count; ++i) _columns.push_back(_stmt.getColumn(i));
 }
 
+void Query::_OutOfRange(int column, qint64 value) const {
+    throw _db.Error(QStringLiteral("column %1 of a stored row holds %2, more than it can hold")
+                        .arg(QString::fromUtf8(_stmt.getColumnName(column)))
+                        .arg(value));
+}
+
 QString Query::Text(int column) const {
     const SQLite::Column& value = Value(column);
     const char* text = value.getText(nullptr);

@@ -38,7 +38,13 @@ public:
     int Changes() const;
     qint64 LastInsertId() const;
 
-    int Int(int column) const { return Value(column).getInt(); }
+    // A stored number that an int cannot hold is refused (DatabaseException), not cut: a cut
+    // id or reference would name another record.
+    int Int(int column) const {
+        const qint64 value = Value(column).getInt64();
+        if (value != static_cast<int>(value)) _OutOfRange(column, value);
+        return static_cast<int>(value);
+    }
     qint64 Int64(int column) const { return Value(column).getInt64(); }
     bool IsNull(int column) const { return Value(column).isNull(); }
     bool IsText(int column) const { return Value(column).isText(); }
@@ -57,6 +63,7 @@ private:
     template <typename F>
     void _Guard(F&& bind);
     void _MakeColumns() const;
+    [[noreturn]] void _OutOfRange(int column, qint64 value) const;
 
     ConfigDatabase::Impl& _db;
     SQLite::Statement& _stmt;

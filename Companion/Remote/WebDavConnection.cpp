@@ -5,6 +5,7 @@
 #include <QUrl>
 #include <algorithm>
 #include <cstring>
+#include <limits>
 #include <mutex>
 
 #include "SyncCodes.h"
@@ -33,15 +34,18 @@ QByteArray Trimmed(const char* data, std::size_t size) {
     return QByteArray(data, int(size)).trimmed();
 }
 
-// Seconds or an HTTP date, as Retry-After may carry either.
+// Seconds or an HTTP date, as Retry-After may carry either. A wait longer than an int holds
+// is the longest one, never a number wrapped around into a short or negative one.
 int RetryAfterOf(const QByteArray& value) {
+    const auto wait = [](qint64 seconds) {
+        return int(std::min<qint64>(std::max<qint64>(seconds, 0), std::numeric_limits<int>::max()));
+    };
     bool isNumber = false;
-    const int seconds = value.toInt(&isNumber);
-    if (isNumber) return seconds < 0 ? 0 : seconds;
+    const qint64 seconds = value.toLongLong(&isNumber);
+    if (isNumber) return wait(seconds);
     const QDateTime when = ParseHttpDate(value);
     if (!when.isValid()) return -1;
-    const qint64 left = QDateTime::currentDateTimeUtc().secsTo(when);
-    return left < 0 ? 0 : int(left);
+    return wait(QDateTime::currentDateTimeUtc().secsTo(when));
 }
 
 struct TransferState {
@@ -54,26 +58,7 @@ struct TransferState {
 std::size_t OnHeader(char* data, std::size_t size, std::size_t count, void* opaque) {
     auto* state = static_cast<TransferState*>(opaque);
     const std::size_t length = size * count;
-    DavResponse& r = state->response;
-    if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
-        // A new answer (after a 100 Continue, say): what the one before said no longer holds.
-        const QList<QByteArray> parts = Trimmed(data, length).split(' ');
-        r = DavResponse();
-        r.status = parts.size() > 1 ? parts.at(1).toInt() : 0;
-        return length;
-    }
-    const char* colon = static_cast<const char*>(std::memchr(data, ':', length));
-    if (!colon) return length;
-    const QByteArray name = QByteArray(data, int(colon - data)).trimmed().toLower();
-    const QByteArray value = Trimmed(colon + 1, length - std::size_t(colon + 1 - data));
-    if (name == "etag")
-        r.etag = value;
-    else if (name == "content-length")
-        r.contentLength = value.toLongLong();
-    else if (name == "last-modified")
-        r.lastModified = ParseHttpDate(value);
-    else if (name == "retry-after")
-        r.retryAfter = RetryAfterOf(value);
+    WebDavConnection::ReadHeaderLine(data, length, state->response);
     return length;
 }
 
@@ -135,6 +120,28 @@ WebDavConnection::~WebDavConnection() {
 
 QString WebDavConnection::Shown(const QByteArray& url) {
     return QUrl::fromEncoded(url).toString(QUrl::RemoveUserInfo | QUrl::FullyEncoded);
+}
+
+void WebDavConnection::ReadHeaderLine(const char* data, std::size_t length, DavResponse& r) {
+    if (length >= 5 && std::memcmp(data, "HTTP/", 5) == 0) {
+        // A new answer (after a 100 Continue, say): what the one before said no longer holds.
+        const QList<QByteArray> parts = Trimmed(data, length).split(' ');
+        r = DavResponse();
+        r.status = parts.size() > 1 ? parts.at(1).toInt() : 0;
+        return;
+    }
+    const char* colon = static_cast<const char*>(std::memchr(data, ':', length));
+    if (!colon) return;
+    const QByteArray name = QByteArray(data, int(colon - data)).trimmed().toLower();
+    const QByteArray value = Trimmed(colon + 1, length - std::size_t(colon + 1 - data));
+    if (name == "etag")
+        r.etag = value;
+    else if (name == "content-length")
+        r.contentLength = value.toLongLong();
+    else if (name == "last-modified")
+        r.lastModified = ParseHttpDate(value);
+    else if (name == "retry-after")
+        r.retryAfter = RetryAfterOf(value);
 }
 
 DavResponse WebDavConnection::Perform(const Request& request) {

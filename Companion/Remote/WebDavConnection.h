@@ -75,6 +75,9 @@ public:
 
     // The percent-encoded URL with any user information removed, for log lines.
     static QString Shown(const QByteArray& url);
+    // Takes one header line of an answer, as the server sent it, into response: a status line
+    // starts a new answer; ETag, Content-Length, Last-Modified and Retry-After are kept.
+    static void ReadHeaderLine(const char* data, std::size_t size, DavResponse& response);
 
 private:
     void* _curl = nullptr;  // the CURL handle; libcurl's header stays out of this one

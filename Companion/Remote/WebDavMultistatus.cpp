@@ -1,12 +1,19 @@
 #include "WebDavMultistatus.h"
 
 #include <QUrl>
+#include <algorithm>
 #include <cstring>
 
 namespace sync {
 namespace remote {
 
 namespace {
+
+// No listing comes near these; a server that sends more is refused instead of followed until
+// memory runs out.
+constexpr int kMaxHeadBytes = 4096;           // the XML declaration
+constexpr qint64 kMaxTokenBytes = 1 << 20;    // one comment, tag, CDATA section or the like
+constexpr int kMaxValueCharacters = 1 << 20;  // one href, tag, date or status text
 
 int StatusOfLine(const QString& line) {
     // "HTTP/1.1 200 OK"
@@ -65,12 +72,48 @@ MultistatusParser::MultistatusParser(EntryHandler handler) : _handler(std::move(
 
 bool MultistatusParser::Feed(const char* data, std::size_t size) {
     if (!_error.isEmpty()) return false;
-    _reader.addData(QByteArray(data, int(size)));
-    return _Run();
+    if (_holdingHead) {
+        // When the XML declaration names another encoding than the reader guessed from the
+        // first bytes (UTF-16, say), the reader decodes again only the bytes it holds at that
+        // moment: a declaration that arrived in pieces leaves it reading garbage. It gets the
+        // declaration in one piece: up to the first '>' and the rest of that character. A '>'
+        // seen before is among the last two bytes held, or they would be gone: the scan starts
+        // there, not at the start again.
+        const int from = std::max(0, int(_held.size()) - 2);
+        _held.append(data, int(size));
+        const int close = _held.indexOf('>', from);
+        if (close < 0 ? _held.size() < kMaxHeadBytes : _held.size() < close + 3) return true;
+        _holdingHead = false;
+        return _Hand();
+    }
+    _held.append(data, int(size));
+    // Inside a comment, a CDATA section or a processing instruction the reader reads all of it
+    // again each time data arrives, which a long one arriving in small pieces makes quadratic:
+    // the data waits until there is as much again as the reader is stuck on, or until the two
+    // are more than one item may be.
+    if (_held.size() < _stuck && _stuck + _held.size() <= kMaxTokenBytes) return true;
+    return _Hand();
+}
+
+bool MultistatusParser::_Hand() {
+    const qint64 tokens = _tokens;
+    const qint64 handed = _held.size();
+    _reader.addData(_held);
+    _held.clear();
+    if (!_Run()) return false;
+    _stuck = _tokens == tokens ? _stuck + handed : 0;
+    if (_stuck > kMaxTokenBytes) {
+        _error = QStringLiteral("the listing holds a single item of more than %1 bytes")
+                     .arg(kMaxTokenBytes);
+        return false;
+    }
+    return true;
 }
 
 bool MultistatusParser::Finish() {
     if (!_error.isEmpty()) return false;
+    _holdingHead = false;
+    if (!_held.isEmpty() && !_Hand()) return false;
     if (!_ended) {
         _error = QStringLiteral("the listing ended early, after %1 entries").arg(_entries);
         return false;
@@ -80,7 +123,9 @@ bool MultistatusParser::Finish() {
 
 bool MultistatusParser::_Run() {
     while (!_reader.atEnd()) {
-        switch (_reader.readNext()) {
+        const QXmlStreamReader::TokenType token = _reader.readNext();
+        if (token != QXmlStreamReader::Invalid) ++_tokens;
+        switch (token) {
             case QXmlStreamReader::StartElement:
                 _Start();
                 break;
@@ -93,6 +138,13 @@ bool MultistatusParser::_Run() {
                     if (e == Href || e == Status || e == ContentLength || e == LastModified ||
                         e == ETag)
                         _text += _reader.text();
+                    if (_text.size() > kMaxValueCharacters) {
+                        _error = QStringLiteral(
+                                     "the listing holds a value of more than %1 "
+                                     "characters")
+                                     .arg(kMaxValueCharacters);
+                        return false;
+                    }
                 }
                 break;
             case QXmlStreamReader::EndDocument:

@@ -64,6 +64,7 @@ private:
         ResourceId,
     };
     bool _Run();
+    bool _Hand();
     void _Start();
     bool _End();
 
@@ -82,6 +83,13 @@ private:
     bool _idInPropstat = false;
     bool _idMissing = false;
     bool _hrefSeen = false;
+    // Data not yet handed to the reader (see Feed): the start of the document until its XML
+    // declaration is complete, and data that waits while the reader is stuck on _stuck bytes
+    // of one long token.
+    QByteArray _held;
+    bool _holdingHead = true;
+    qint64 _stuck = 0;
+    qint64 _tokens = 0;
 };
 
 }  // namespace remote

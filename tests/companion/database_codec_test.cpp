@@ -123,4 +123,51 @@ TEST(RecordCodecTest, FileTextsReadBackAsStoredInEveryNeighbourhood) {
     }
 }
 
+struct RangeRow {
+    const char* what;
+    const char* column;
+    int FileConfiguration::*field;
+    const char* stored;
+    bool refused;
+};
+
+// A stored number an int cannot hold is refused: cut to 32 bits an id or a reference would
+// name another record, and writing the record back would write over that one.
+TEST(RecordCodecTest, StoredNumbersAnIntCannotHoldAreRefusedNotCut) {
+    const RangeRow rows[] = {
+        {"the largest int", "parent_file_id", &FileConfiguration::parentFileId, "2147483647",
+         false},
+        {"the smallest int", "privileges", &FileConfiguration::privileges, "-2147483648", false},
+        {"one more", "parent_file_id", &FileConfiguration::parentFileId, "2147483648", true},
+        {"one less", "privileges", &FileConfiguration::privileges, "-2147483649", true},
+        {"a reference that cuts to the root", "folder_id", &FileConfiguration::folderId,
+         "4294967296 + root_id", true},
+        {"a text of a large number", "inherited_id", &FileConfiguration::inheritedId,
+         "'99999999999'", true},
+    };
+    for (const RangeRow& row : rows) {
+        SCOPED_TRACE(row.what);
+        SqliteStore store;
+        FolderConfiguration root;
+        root.localPath = "/home/u/Docs";
+        root.serverPath = root.path = "/Docs";
+        ASSERT_TRUE(store.folders->AddFolder(root));
+        FileConfiguration file;
+        file.rootId = file.folderId = root.id;
+        file.localPath = root.localPath + "/a.txt";
+        file.serverPath = root.serverPath + "/a.txt";
+        ASSERT_TRUE(store.files->AddFile(file));
+        sync::test::ExecOnFile(store.Path(), QStringLiteral("UPDATE files SET %1 = %2")
+                                                 .arg(row.column, row.stored)
+                                                 .toUtf8()
+                                                 .constData());
+        if (row.refused) {
+            EXPECT_THROW(store.files->GetFileById(file.id), sync::database::DatabaseException);
+            EXPECT_THROW(store.files->GetFilesByRootId(root.id), sync::database::DatabaseException);
+        } else {
+            EXPECT_EQ(store.files->GetFileById(file.id).*row.field, QString(row.stored).toInt());
+        }
+    }
+}
+
 }  // namespace

@@ -8,12 +8,14 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QLocale>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTemporaryDir>
 #include <QUrl>
 #include <iostream>
+#include <limits>
 
 #include "ApacheServer.h"
 #include "FakeConfigStore.h"
@@ -21,6 +23,8 @@
 #include "ICheckForExit.h"
 #include "LogCapture.h"
 #include "ScriptedHttpServer.h"
+#include "WebDavConnection.h"
+#include "WebDavMultistatus.h"
 #include "WebDavServer.h"
 
 namespace {
@@ -228,6 +232,134 @@ TEST(WebDavFaults, AWeakTagIsNeverSentAsAPrecondition) {
     EXPECT_EQ(sent, QStringList({"PUT", "DELETE"}));
     for (const auto& request : script.Requests())
         EXPECT_FALSE(request.head.contains("If-Match: W/")) << request.head.toStdString();
+}
+
+// --- Replies read without a server ----------------------------------------------------------
+
+struct ListingRow {
+    const char* what;
+    QByteArray document;
+};
+
+QByteArray Utf16(const QString& text, bool bigEndian) {
+    QByteArray bytes(bigEndian ? "\xFE\xFF" : "\xFF\xFE");
+    for (const QChar c : text) {
+        const char high = char(c.unicode() >> 8), low = char(c.unicode() & 0xFF);
+        bytes.append(bigEndian ? high : low).append(bigEndian ? low : high);
+    }
+    return bytes;
+}
+
+// The paths of the entries, one a line.
+std::string ParsedPaths(const QByteArray& document, int piece, bool* finished) {
+    QStringList paths;
+    sync::remote::MultistatusParser parser([&](sync::remote::DavEntry& e) {
+        paths << e.path;
+        return true;
+    });
+    bool fed = true;
+    for (int at = 0; fed && at < document.size(); at += piece)
+        fed = parser.Feed(document.constData() + at,
+                          std::size_t(std::min(piece, int(document.size()) - at)));
+    *finished = fed && parser.Finish();
+    return paths.join(QLatin1Char('\n')).toStdString();
+}
+
+// The network cuts an answer anywhere: the listing must not depend on where.
+TEST(WebDavReplies, AListingReadsTheSameHoweverTheAnswerArrivesInPieces) {
+    const QString body =
+        QStringLiteral("<D:multistatus xmlns:D=\"DAV:\">") +
+        QString::fromUtf8(Entry("/base/Docs/", true) + Entry("/base/Docs/n%C3%A4me.txt", false)) +
+        QStringLiteral("</D:multistatus>");
+    const QString declared = QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-16\"?>");
+    const ListingRow rows[] = {
+        {"UTF-8", "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n" + body.toUtf8()},
+        {"UTF-8 without a declaration", body.toUtf8()},
+        {"UTF-16 little-endian, declared", Utf16(declared + body, false)},
+        {"UTF-16 big-endian, declared", Utf16(declared + body, true)},
+    };
+    for (const ListingRow& row : rows) {
+        SCOPED_TRACE(row.what);
+        bool wholeFinished = false;
+        const std::string whole =
+            ParsedPaths(row.document, int(row.document.size()), &wholeFinished);
+        EXPECT_TRUE(wholeFinished);
+        EXPECT_EQ(
+            whole,
+            QStringLiteral("/base/Docs\n/base/Docs/n%1me.txt").arg(QChar(0xE4)).toStdString());
+        for (const int piece : {1, 3, 5}) {
+            bool finished = false;
+            EXPECT_EQ(ParsedPaths(row.document, piece, &finished), whole) << "pieces of " << piece;
+            EXPECT_TRUE(finished) << "pieces of " << piece;
+        }
+    }
+}
+
+struct OversizeRow {
+    const char* what;
+    QByteArray document;
+    int piece;
+};
+
+// A server can send an endless value or comment: the listing is refused while memory lasts,
+// before the answer ends, and an answer that is no XML is refused at its start.
+TEST(WebDavReplies, OversizedOrEndlessAnswersAreRefusedEarly) {
+    const QByteArray start = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\"><D:response>";
+    const OversizeRow rows[] = {
+        {"an href of 2 MiB",
+         start + "<D:href>/" + QByteArray(2 << 20, 'a') + "</D:href>" + QByteArray(1 << 20, ' '),
+         65536},
+        {"an endless comment", start + "<!--" + QByteArray(4 << 20, 'c'), 65536},
+        {"no markup at all", QByteArray(1 << 20, 'x'), 1024},
+    };
+    for (const OversizeRow& row : rows) {
+        SCOPED_TRACE(row.what);
+        sync::remote::MultistatusParser parser([](sync::remote::DavEntry&) { return true; });
+        int fed = 0;
+        while (fed < row.document.size() &&
+               parser.Feed(row.document.constData() + fed,
+                           std::size_t(std::min(row.piece, int(row.document.size()) - fed))))
+            fed += row.piece;
+        EXPECT_LT(fed, row.document.size());
+        EXPECT_FALSE(parser.Error().isEmpty());
+    }
+}
+
+struct HeaderRow {
+    const char* what;
+    QByteArray line;
+    // The accepted Retry-After: a wait relative to a date is only known within a range.
+    qint64 minRetry;
+    qint64 maxRetry;
+};
+
+TEST(WebDavReplies, RetryAfterIsAWaitInSecondsOrNone) {
+    const qint64 most = std::numeric_limits<int>::max();
+    const QByteArray inAnHour =
+        QLocale::c()
+            .toString(QDateTime::currentDateTimeUtc().addSecs(3600), "ddd, dd MMM yyyy hh:mm:ss")
+            .toLatin1() +
+        " GMT";
+    const HeaderRow rows[] = {
+        {"seconds", "Retry-After: 120\r\n", 120, 120},
+        {"a negative number", "Retry-After: -5\r\n", 0, 0},
+        {"more seconds than an int holds", "Retry-After: 99999999999\r\n", most, most},
+        {"a date an hour ahead", "retry-after: " + inAnHour + "\r\n", 3500, 3600},
+        {"a date long past", "Retry-After: Sun, 06 Nov 1994 08:49:37 GMT\r\n", 0, 0},
+        {"a date further ahead than an int holds", "Retry-After: Fri, 31 Dec 9999 23:59:59 GMT\r\n",
+         most, most},
+        {"neither", "Retry-After: soon\r\n", -1, -1},
+    };
+    for (const HeaderRow& row : rows) {
+        SCOPED_TRACE(row.what);
+        sync::remote::DavResponse response;
+        for (const QByteArray& line : {QByteArray("HTTP/1.1 503 Unavailable\r\n"), row.line})
+            sync::remote::WebDavConnection::ReadHeaderLine(line.constData(),
+                                                           std::size_t(line.size()), response);
+        EXPECT_EQ(response.status, 503);
+        EXPECT_GE(response.retryAfter, row.minRetry);
+        EXPECT_LE(response.retryAfter, row.maxRetry);
+    }
 }
 
 // --- Against Apache -------------------------------------------------------------------------
