@@ -162,14 +162,19 @@ QString ShownPath(const Record& r) {
     return r.localPath.isEmpty() ? r.serverPath : r.localPath;
 }
 
-// Removes the entry and everything below it without following links; 0 or the errno.
-int RemoveEntry(int parentFd, const char* name) {
+// Removes the entry and everything below it without following links, but for the files that
+// keep(path below the entry, status) claims: those stay, with the folders on their way to
+// them, and kept counts them. 0 or the errno.
+int RemoveEntryKeeping(int parentFd, const QByteArray& name, const QString& below,
+                       const std::function<bool(const QString&, const struct stat&)>& keep,
+                       int& kept) {
     struct stat st;
-    if (::fstatat(parentFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+    if (::fstatat(parentFd, name.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
         return errno == ENOENT ? 0 : errno;
+    const int keptBefore = kept;
     if (S_ISDIR(st.st_mode)) {
-        DIR* dir =
-            OpenDir(::openat(parentFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        DIR* dir = OpenDir(
+            ::openat(parentFd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
         if (!dir) return errno == ENOENT ? 0 : errno;
         DirCloser closer(dir);
         // Names first: whether readdir shows entries removed during the listing is unspecified.
@@ -181,10 +186,18 @@ int RemoveEntry(int parentFd, const char* name) {
             if (!IsDotOrDotDot(entry->d_name)) names.emplace_back(entry->d_name);
         }
         if (errno != 0) return errno;
-        for (const QByteArray& child : names)
-            if (const int error = RemoveEntry(::dirfd(dir), child.constData())) return error;
+        for (const QByteArray& child : names) {
+            const QString childBelow =
+                (below.isEmpty() ? QString() : below + QLatin1Char('/')) + QFile::decodeName(child);
+            if (const int error = RemoveEntryKeeping(::dirfd(dir), child, childBelow, keep, kept))
+                return error;
+        }
+    } else if (keep(below, st)) {
+        ++kept;
     }
-    if (::unlinkat(parentFd, name, S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0) != 0 && errno != ENOENT)
+    if (kept > keptBefore) return 0;
+    if (::unlinkat(parentFd, name.constData(), S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0) != 0 &&
+        errno != ENOENT)
         return errno;
     return 0;
 }
@@ -467,9 +480,11 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
         return false;
     };
     // Only what the engine has seen is replaced: nothing for a new file, else the version the
-    // record names.
+    // record names. Where nothing is, a file is written as new: a local edit outlives a
+    // deletion on the server.
     const auto seen = [&](const struct stat* now) {
-        if (f.serverFileId.isEmpty()) return now == nullptr;
+        if (!now) return true;
+        if (f.serverFileId.isEmpty()) return false;
         const QString versionId = f.properties.value(QStringLiteral("versionId"));
         return now && IdOf(*now) == f.serverFileId &&
                (versionId.isEmpty() || versionId == VersionIdOf(*now));
@@ -523,11 +538,16 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
 
     // A server version that this client never synchronised (both sides changed the file since
     // the last cycle) is replaced only once it is kept beside it; the next cycle brings the
-    // copy down like any new server file.
-    if (exists && _database && f.id > 0) {
+    // copy down like any new server file. A file added on both sides has no version
+    // synchronised at all; the planner marks it, as every file changed on both sides, with the
+    // server's "version".
+    if (exists) {
         const QString synchronised =
-            _database->GetFileById(f.id).properties.value(QStringLiteral("versionId"));
-        if (!synchronised.isEmpty() && synchronised != VersionIdOf(server) &&
+            _database && f.id > 0
+                ? _database->GetFileById(f.id).properties.value(QStringLiteral("versionId"))
+                : QString();
+        if ((f.properties.contains(QStringLiteral("version")) ||
+             (!synchronised.isEmpty() && synchronised != VersionIdOf(server))) &&
             !KeepConflictCopy(dir.fd, name, server, status))
             return false;
     }
@@ -978,6 +998,27 @@ Results LocalFolderServer::DeleteFolder(Folder& folder) {
     const int slash = native.lastIndexOf('/');
     const QByteArray parent = slash == 0 ? QByteArray("/") : native.left(slash);
     const QByteArray name = native.mid(slash + 1);
+    // Files that this machine never synchronised, or not as they are now (hidden ones, ones
+    // left out, ones new or changed since the plan), are someone's work: they stay, and so does
+    // the folder. The engine's own temporary files are not content.
+    const QString serverTop = Normalized(folder.serverPath);
+    const auto keep = [&](const QString& below, const struct stat& st) {
+        if (!_database) return false;
+        const QStringList parts = below.split(QLatin1Char('/'));
+        for (const QString& part : parts)
+            if (part == sync::core::consts::TEMP_FOLDER_NAME ||
+                part == sync::core::consts::BASE_FOLDER_NAME)
+                return false;
+        if (IsUploadTemporaryName(parts.last())) return false;
+        const File record = _database->GetFileByPath(folder.localPath + QLatin1Char('/') + below,
+                                                     folder.authenticationId);
+        const QString versionId = record.properties.value(QStringLiteral("versionId"));
+        const bool known = record.id > 0 &&
+                           Normalized(record.serverPath) == serverTop + QLatin1Char('/') + below &&
+                           (versionId.isEmpty() || versionId == VersionIdOf(st));
+        return !known;
+    };
+    int kept = 0;
     int error = 0;
     const int parentFd = ::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (parentFd < 0) {
@@ -987,9 +1028,14 @@ Results LocalFolderServer::DeleteFolder(Folder& folder) {
         if (::fstatat(parentFd, name.constData(), &st, AT_SYMLINK_NOFOLLOW) != 0)
             error = errno == ENOENT ? 0 : errno;
         else if (S_ISDIR(st.st_mode))
-            error = RemoveEntry(parentFd, name.constData());
+            error = RemoveEntryKeeping(parentFd, name, QString(), keep, kept);
         ::close(parentFd);
     }
+    if (kept > 0)
+        SYNC_LOG_WARN(
+            "Server folder %1 is kept: it holds %2 file(s) that this machine never synchronised "
+            "or that changed since",
+            folder.serverPath, QString::number(kept));
     if (error != 0)
         throw HttpException(
             StatusOf(error),

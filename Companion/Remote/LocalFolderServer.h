@@ -59,6 +59,8 @@ public:
     // is success.
     Results CreateFolder(Folder& folder, const QString& text, bool createParents) override;
     // A path that holds no folder counts as deleted; the top folder is never deleted (403).
+    // Files below that this machine never synchronised, or not as they are now, stay with the
+    // folders on their way; the rest goes.
     Results DeleteFolder(Folder& folder) override;
     bool GetFolderInfo(const Folder& folder, Folder& info) override;
     // 0 with the whole tree, 404 when the root is missing, another status when any folder of

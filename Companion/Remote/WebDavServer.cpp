@@ -13,6 +13,7 @@
 #include <QMap>
 #include <QThread>
 #include <QUrl>
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -41,6 +42,8 @@ using Results = WebDavServer::Results;
 namespace {
 
 const QString kVersionId = QStringLiteral("versionId");
+// Set by the planner on a file changed on both sides: the server version it replaces.
+const QString kVersion = QStringLiteral("version");
 constexpr int kBadGateway = sync::http::BadGateway;
 constexpr std::size_t kCompareBlockBytes = std::size_t(1) << 20;
 constexpr qint64 kExpectContinueBytes = qint64(1) << 20;
@@ -465,6 +468,11 @@ Results WebDavServer::DeleteFolder(Folder& folder) {
     if (Normalized(folder.serverPath).isEmpty())
         throw HttpException(sync::http::Forbidden,
                             QStringLiteral("The server's top folder is not deleted"));
+    if (_KeepUnknownContent(folder)) {
+        Results results;
+        results.CountDone(Results::FolderServerDeletion, ShownPath(folder));
+        return results;
+    }
     const QByteArray url = _Url(folder.serverPath, true);
     const DavResponse r = _Perform("DELETE", url);
     bool gone = r.Ok() || (r.status == sync::http::NotFound && r.error.isEmpty());
@@ -483,6 +491,50 @@ Results WebDavServer::DeleteFolder(Folder& folder) {
     Results results;
     results.CountDone(Results::FolderServerDeletion, ShownPath(folder));
     return results;
+}
+
+bool WebDavServer::_KeepUnknownContent(const Folder& folder) {
+    if (!_database) return false;
+    // Hidden entries too: they are content that this machine may not synchronise.
+    Folder scope = folder;
+    scope.setSyncOption(folder.getSyncOption() | sync::config::SyncHiddenEntries);
+    QVector<Folder> folders;
+    QVector<File> files;
+    const int listed = _List(scope, false, &folders, &files);
+    if (listed == sync::http::NotFound) return false;
+    if (listed != 0)
+        throw HttpException(listed, QStringLiteral("Failed to list server folder %1: %2")
+                                        .arg(folder.serverPath, _lastError));
+    // This machine knows a file when it synchronised that very name and version.
+    const auto known = [&](const File& f) {
+        const File record = _database->GetFileByPath(f.localPath, folder.authenticationId);
+        const QString tag = record.properties.value(kVersionId);
+        return record.id > 0 && Normalized(record.serverPath) == Normalized(f.serverPath) &&
+               (tag.isEmpty() || SameTag(tag, f.properties.value(kVersionId)));
+    };
+    QStringList kept;
+    for (const File& f : files)
+        if (!known(f)) kept << Normalized(f.serverPath);
+    if (kept.isEmpty()) return false;
+    // The rest goes: known files first, then the folders that keep nothing, deepest first.
+    for (File& f : files)
+        if (!kept.contains(Normalized(f.serverPath)) && _Delete(f) != 0)
+            kept << Normalized(f.serverPath);
+    std::sort(folders.begin(), folders.end(), [](const Folder& a, const Folder& b) {
+        return a.serverPath.size() > b.serverPath.size();
+    });
+    for (const Folder& sub : folders) {
+        const QString path = Normalized(sub.serverPath);
+        const bool keeps = std::any_of(kept.cbegin(), kept.cend(), [&](const QString& k) {
+            return k.startsWith(path + QLatin1Char('/'));
+        });
+        if (!keeps) _Perform("DELETE", _Url(path, true));
+    }
+    SYNC_LOG_WARN(
+        "Server folder %1 is kept: it holds %2 file(s) that this machine never synchronised "
+        "or that changed since, such as %3",
+        folder.serverPath, QString::number(kept.size()), kept.first());
+    return true;
 }
 
 bool WebDavServer::GetFolderInfo(const Folder& folder, Folder& info) {
@@ -515,7 +567,7 @@ namespace {
 void SetServerFields(File& f, const QString& id, const QString& etag, const QDateTime& modified) {
     f.serverFileId = id;
     f.serverChecksum.clear();
-    f.properties.remove(QStringLiteral("version"));
+    f.properties.remove(kVersion);
     if (etag.isEmpty())
         f.properties.remove(kVersionId);
     else
@@ -671,19 +723,15 @@ bool WebDavServer::_Upload(File& f, int& status) {
 
     QList<QByteArray> headers;
     const QString recorded = f.properties.value(kVersionId);
-    if (f.serverFileId.isEmpty()) {
-        // Never seen by this client: only where no file is.
+    if (f.serverFileId.isEmpty() || !exists) {
+        // Never seen by this client, or deleted on the server: a local edit outlives a server
+        // deletion, so it goes up as a new file, but only where no file is.
         if (exists) {
             status = sync::http::PreconditionFailed;
             return false;
         }
         headers << "If-None-Match: *";
     } else {
-        if (!exists) {
-            // Deleted on the server since planning; storing it again would undo that.
-            status = sync::http::PreconditionFailed;
-            return false;
-        }
         const QString current = server.entry.etag;
         if (!recorded.isEmpty() && !SameTag(recorded, current)) {
             // Changed since it was planned: the next cycle sees the new version first.
@@ -692,11 +740,14 @@ bool WebDavServer::_Upload(File& f, int& status) {
         }
         // The record names the version the engine planned against; the database still names
         // the one last synchronised. When they differ, both sides changed the file: the
-        // server's version, which this client never synchronised, is kept beside it.
+        // server's version, which this client never synchronised, is kept beside it. A file
+        // added on both sides has no version synchronised at all; the planner marks it, as
+        // every file changed on both sides, with the server's "version".
         const QString synchronised = _database && f.id > 0
                                          ? _database->GetFileById(f.id).properties.value(kVersionId)
                                          : QString();
-        if (!synchronised.isEmpty() && !SameTag(synchronised, current)) {
+        if (f.properties.contains(kVersion) ||
+            (!synchronised.isEmpty() && !SameTag(synchronised, current))) {
             const QString name = serverPath.mid(serverPath.lastIndexOf(QLatin1Char('/')) + 1);
             const QString folder = serverPath.left(serverPath.lastIndexOf(QLatin1Char('/')));
             const QDateTime now = QDateTime::currentDateTime();

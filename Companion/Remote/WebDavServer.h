@@ -64,7 +64,9 @@ public:
     // MKCOL; an existing folder is success, an existing file 409. Without createParents a
     // missing parent fails with 409. Failures are counted, not thrown.
     Results CreateFolder(Folder& folder, const QString& text, bool createParents) override;
-    // A folder already gone counts as deleted; other failures throw HttpException.
+    // A folder already gone counts as deleted; other failures throw HttpException. A folder
+    // that holds files this machine never synchronised (hidden, left out, or new or changed
+    // since) keeps them, and only loses what this machine knows.
     Results DeleteFolder(Folder& folder) override;
     // false when nothing or a file is at the path; throws HttpException on a failed request.
     bool GetFolderInfo(const Folder& folder, Folder& info) override;
@@ -115,6 +117,9 @@ private:
     bool _Download(sync::thread::SynchronizedFileConfiguration& pair, const QString& target,
                    const Folder& root, int& status);
     int _Delete(const File& file);
+    // Deletes what this machine knows below a server folder and keeps the folder when other
+    // files are in it: true then. False when the folder may go as a whole.
+    bool _KeepUnknownContent(const Folder& folder);
     int _MakeFolder(const QString& serverPath);
     void _StoreRecord(File& record);
     // A tag the server marked weak only because the file changed within the current second
