@@ -94,6 +94,28 @@ QString EscapeUndecodable(const char* s, size_t length) {
     return out + DecodeUtf8(s + validFrom, length - validFrom);
 }
 
+// Opens a folder whose whole path is longer than the system takes (PATH_MAX bytes, which a
+// path of multi-byte names reaches long before the engine's limits in characters), one name at
+// a time from a folder above it; links below that folder are never followed. -1 with errno set.
+int OpenNameByName(const QByteArray& top, const QByteArray& native) {
+    if (!native.startsWith(top)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    int fd = ::open(top.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (const QByteArray& name : native.mid(top.size()).split('/')) {
+        if (name.isEmpty()) continue;
+        if (fd < 0) return -1;
+        const int next =
+            ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        fd = next;
+    }
+    return fd;
+}
+
 class WalkedEntryInfo : public sync::interf::IQFileInfoWrapper {
 public:
     explicit WalkedEntryInfo(const QDirIteratorWrapper::Entry& entry) : _entry(entry) {}
@@ -126,6 +148,7 @@ QDirIteratorWrapper::QDirIteratorWrapper(const QString& path, QDir::Filters filt
     if (path.isEmpty()) throw SyncException(UnreadableMessage(path));
     Folder start{QFile::encodeName(path), path, QFileInfo(path).absoluteFilePath(), false};
     start.pathIsAbsolute = start.absolutePath == path;
+    _startNative = start.native;
     _Open(std::move(start), true);
 }
 
@@ -136,8 +159,9 @@ QDirIteratorWrapper::~QDirIteratorWrapper() {
 // Opens a folder for listing; false when it is gone. The start may be a link to a folder;
 // below it a link is never followed, also when it took a folder's place after the listing.
 bool QDirIteratorWrapper::_Open(Folder folder, bool start) {
-    const int fd = ::open(folder.native.constData(),
-                          O_RDONLY | O_DIRECTORY | O_CLOEXEC | (start ? 0 : O_NOFOLLOW));
+    int fd = ::open(folder.native.constData(),
+                    O_RDONLY | O_DIRECTORY | O_CLOEXEC | (start ? 0 : O_NOFOLLOW));
+    if (fd < 0 && !start && errno == ENAMETOOLONG) fd = OpenNameByName(_startNative, folder.native);
     if (fd < 0) {
         if (!start && (Vanished(errno) || errno == ELOOP)) {
             SYNC_LOG_DEBUG("Local folder %1 is gone before it was walked", folder.absolutePath);

@@ -24,6 +24,8 @@ namespace core {
 // - A folder that cannot be read, or whose entries cannot be examined, throws SyncException
 //   naming it ("Cannot read local folder %1"): skipping it would make its content look
 //   deleted. So does a start that is not a readable folder.
+// - A folder whose whole path is longer than the system takes is walked all the same, opened
+//   name by name from the start.
 // - A folder or file that another program removes or renames during the walk is simply absent,
 //   like any deleted entry. A folder is opened only when the walk needs its first entry, after
 //   the folder itself was reported (when it is reported at all).
@@ -78,6 +80,7 @@ private:
     QDir::Filters _filters;
     bool _recursive;
     DIR* _dir = nullptr;
+    QByteArray _startNative;
     Folder _folder;                // the one being listed
     std::vector<Folder> _toVisit;  // found, not yet listed
     Entry _current;

@@ -1,10 +1,18 @@
 #include "QFileWrapper.h"
 
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <QCryptographicHash>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
+#include <QUrl>
+#include <cerrno>
 #include <climits>
 
 #include "PathHelpers.h"
@@ -47,6 +55,67 @@ QString TruncateUtf8(const QString& text, int maxBytes) {
         i += pair ? 2 : 1;
     }
     return text.left(i);
+}
+
+const QLatin1String kTrashInfoEnding(".trashinfo");
+
+// Moves path into a freedesktop.org trash folder: "info/<name>.trashinfo" is made first, and
+// exclusively, which reserves the name; then the file is renamed to "files/<name>". A name too
+// long to take the ending of its info file is shortened, and names already taken get "-NNNN".
+// False, with nothing changed, when either step cannot be done (EXDEV: the file is on another
+// file system). QFile::moveToTrash does the same but tries new names for ever when the info
+// file cannot be made for any reason (a name of more than 245 bytes, a full or read-only
+// disk): the cycle would hang on that file.
+bool MoveIntoTrash(const QString& trash, const QString& path, int& error) {
+    error = 0;
+    for (const char* sub : {"/files", "/info"}) {
+        const QByteArray folder = QFile::encodeName(trash + QLatin1String(sub));
+        if (::mkdir(folder.constData(), 0700) != 0 && errno != EEXIST) {
+            error = errno;
+            return false;
+        }
+    }
+    const QFileInfo info(path);
+    const QByteArray source = QFile::encodeName(info.absoluteFilePath());
+    const QString base = TruncateUtf8(info.fileName(), NAME_MAX - int(kTrashInfoEnding.size()) - 5);
+    const QByteArray entry =
+        QStringLiteral("[Trash Info]\nPath=%1\nDeletionDate=%2\n")
+            .arg(QString::fromLatin1(
+                     QUrl::toPercentEncoding(info.absoluteFilePath(), QByteArray("/"))),
+                 QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-ddThh:mm:ss")))
+            .toUtf8();
+    for (int n = 0; n < 10000; ++n) {
+        const QString name =
+            n == 0 ? base : base + QStringLiteral("-%1").arg(n, 4, 10, QLatin1Char('0'));
+        const QByteArray infoPath =
+            QFile::encodeName(trash + QLatin1String("/info/") + name + kTrashInfoEnding);
+        const QByteArray target = QFile::encodeName(trash + QLatin1String("/files/") + name);
+        const int fd = ::open(infoPath.constData(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+        if (fd < 0) {
+            if (errno == EEXIST) continue;
+            error = errno;
+            return false;
+        }
+        const bool written = ::write(fd, entry.constData(), size_t(entry.size())) == entry.size() &&
+                             ::fsync(fd) == 0;
+        ::close(fd);
+        struct stat st;
+        if (!written) {
+            error = EIO;
+        } else if (::lstat(target.constData(), &st) == 0) {
+            // A file without its info entry holds the name.
+            ::unlink(infoPath.constData());
+            continue;
+        } else if (::rename(source.constData(), target.constData()) == 0) {
+            return true;
+        } else {
+            error = errno;
+        }
+        ::unlink(infoPath.constData());
+        return false;
+    }
+    error = EEXIST;
+    return false;
 }
 
 }  // namespace
@@ -120,6 +189,13 @@ bool QFileWrapper::MoveToTrash(const QString& path) {
             homeTrash, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
         if (!QFileInfo(homeTrash).isDir()) return false;
     }
+    int error = 0;
+    if (MoveIntoTrash(homeTrash, path, error)) return true;
+    // A file on another file system goes to that file system's own trash, which Qt finds; its
+    // name must leave room for the info file's ending, or Qt would never stop trying.
+    if (error != EXDEV) return false;
+    if (QFileInfo(path).fileName().toUtf8().size() + kTrashInfoEnding.size() + 5 > NAME_MAX)
+        return false;
     return QFile::moveToTrash(path);
 }
 

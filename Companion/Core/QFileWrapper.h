@@ -25,7 +25,8 @@ public:
     // of it followed by "~" and the SHA-256 of the path below the root. Distinct files of a
     // root therefore never share a temporary file. The folder is not created here.
     QString GetTemporaryFile(const QString& rootPath) override;
-    // The freedesktop trash of the user (QFile::moveToTrash); never deletes outright.
+    // The freedesktop trash of the user; never deletes outright. A file on another file system
+    // than the home trash goes to the trash of its own file system (QFile::moveToTrash).
     bool MoveToTrash(const QString& path) override;
 
 private:

@@ -1,11 +1,22 @@
 #include "Sha256.h"
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 
 #include <QByteArray>
 
 namespace sync {
 namespace core {
+
+namespace {
+// OpenSSL sets itself up on first use, on whatever thread that is. Done on the cycle's thread,
+// the error state of that thread, made while the set-up reads its configuration, is at times
+// never freed when the thread ends. Set up here instead, when the library is loaded, on the
+// thread that loads it, whose state OpenSSL frees at exit. (Both hashes of this library go
+// through OpenSSL.)
+[[maybe_unused]] const bool kOpenSslReady =
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr) == 1;
+}  // namespace
 
 struct Sha256::Context {
     EVP_MD_CTX* ctx = EVP_MD_CTX_new();

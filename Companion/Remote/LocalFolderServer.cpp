@@ -74,6 +74,56 @@ DIR* OpenDir(int fd) {
     return dir;
 }
 
+// Whether the folder holds another entry whose name differs from name only in case. Names are
+// paired regardless of case: a record whose file is gone from its path may be that entry, and
+// writing the file anew beside it would leave two. True when the folder cannot be read.
+bool OtherSpellingExists(int dirFd, const QByteArray& name) {
+    DIR* dir = OpenDir(::openat(dirFd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir) return true;
+    DirCloser closer(dir);
+    const QString wanted = QString::fromUtf8(name).toCaseFolded();
+    while (const struct dirent* entry = ::readdir(dir))
+        if (name != entry->d_name && QString::fromUtf8(entry->d_name).toCaseFolded() == wanted)
+            return true;
+    return false;
+}
+
+// Opens a folder whose whole path is longer than the system takes (PATH_MAX bytes), one name at
+// a time from a folder above it; links below that folder are never followed. -1 with errno set.
+int OpenNameByName(const QByteArray& top, const QByteArray& native) {
+    if (!native.startsWith(top)) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    int fd = ::open(top.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    for (const QByteArray& name : native.mid(top.size()).split('/')) {
+        if (name.isEmpty()) continue;
+        if (fd < 0) return -1;
+        const int next =
+            ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        const int error = errno;
+        ::close(fd);
+        errno = error;
+        fd = next;
+    }
+    return fd;
+}
+
+// open(2) of a path below top, also of one too long to be named whole.
+int OpenBelow(const QByteArray& top, const QByteArray& native, int flags) {
+    const int fd = ::open(native.constData(), flags);
+    if (fd >= 0 || errno != ENAMETOOLONG) return fd;
+    if (flags & O_DIRECTORY) return OpenNameByName(top, native);
+    const int slash = native.lastIndexOf('/');
+    const int parent = OpenNameByName(top, native.left(slash));
+    if (parent < 0) return -1;
+    const int opened = ::openat(parent, native.constData() + slash + 1, flags);
+    const int error = errno;
+    ::close(parent);
+    errno = error;
+    return opened;
+}
+
 bool IsDotOrDotDot(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
@@ -87,6 +137,19 @@ QString DecodeName(const char* name) {
                                 ? QChar(0xFEFF) + QString::fromUtf8(bytes.mid(bom.size()))
                                 : QString::fromUtf8(bytes);
     return decoded.toUtf8() == bytes ? decoded : QString();
+}
+
+// A name as bytes a person can read: every byte outside printable ASCII as \xNN.
+QString Escaped(const char* name) {
+    QString out;
+    for (const char* c = name; *c; ++c) {
+        const auto byte = static_cast<unsigned char>(*c);
+        if (byte >= 0x20 && byte < 0x7f)
+            out += QLatin1Char(*c);
+        else
+            out += QStringLiteral("\\x%1").arg(uint(byte), 2, 16, QLatin1Char('0'));
+    }
+    return out;
 }
 
 // Both are formatted once per listed entry: snprintf, not QString::arg, whose parsing of the
@@ -137,9 +200,11 @@ int PrivilegesOf(int dirFd, const char* name, bool isFolder, bool folderWritable
                    ((mode & X_OK) == 0 || (st->st_mode & S_IXUSR));
         return Allowed(dirFd, name, mode);
     };
-    const int search = isFolder ? X_OK : 0;
-    int privileges = 0;
-    if (allowed(R_OK | search)) privileges |= PrivilegeDownload;
+    // Download is granted whatever the entry's permissions say: the engine takes an entry whose
+    // download right is gone for one deleted on the server and moves the local copy to the
+    // trash, local edits and all. An entry that cannot be read now fails its download instead,
+    // counted, and is tried again once it can be.
+    int privileges = PrivilegeDownload;
     if (isFolder ? allowed(W_OK | X_OK) : folderWritable && allowed(W_OK))
         privileges |= PrivilegeUpload;
     if (folderWritable) privileges |= PrivilegeDelete;
@@ -162,9 +227,21 @@ QString ShownPath(const Record& r) {
     return r.localPath.isEmpty() ? r.serverPath : r.localPath;
 }
 
-// Removes the entry and everything below it without following links, but for the files that
-// keep(path below the entry, status) claims: those stay, with the folders on their way to
-// them, and kept counts them. 0 or the errno.
+// Whether a listing ever shows the entry, whatever the root's options: links, special files and
+// names that are not UTF-8 never reach a client, which therefore never asked to delete them.
+// Hidden entries are kept as well: a root that syncs them has deleted them on its own by the
+// time their folder goes, so one still there is new, or one this client never saw.
+bool NeverListed(const char* name, const struct stat& st) {
+    if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) return true;
+    if (name[0] == '.')
+        return !S_ISREG(st.st_mode) ||
+               !RemoteBackend::IsUploadTemporaryName(QString::fromUtf8(name));
+    return DecodeName(name).isNull();
+}
+
+// Removes the entry and everything below it without following links, but for what must stay:
+// what no listing shows, and the files that keep(path below the entry, status) claims. Those
+// stay, with the folders on their way to them, and kept counts them. 0 or the errno.
 int RemoveEntryKeeping(int parentFd, const QByteArray& name, const QString& below,
                        const std::function<bool(const QString&, const struct stat&)>& keep,
                        int& kept) {
@@ -187,6 +264,15 @@ int RemoveEntryKeeping(int parentFd, const QByteArray& name, const QString& belo
         }
         if (errno != 0) return errno;
         for (const QByteArray& child : names) {
+            struct stat childSt;
+            if (::fstatat(::dirfd(dir), child.constData(), &childSt, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (errno == ENOENT) continue;
+                return errno;
+            }
+            if (NeverListed(child.constData(), childSt)) {
+                ++kept;
+                continue;
+            }
             const QString childBelow =
                 (below.isEmpty() ? QString() : below + QLatin1Char('/')) + QFile::decodeName(child);
             if (const int error = RemoveEntryKeeping(::dirfd(dir), child, childBelow, keep, kept))
@@ -436,23 +522,28 @@ void LocalFolderServer::_StoreRecord(File& record) {
 Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
                                        QList<File>& files) {
     Results r;
+    std::vector<UploadedFile> uploaded;
     for (File& f : files) {
         int status = 0;
-        if (_Upload(f, status)) {
-            _StoreRecord(f);
+        struct stat read;
+        if (_Upload(f, status, &read)) {
+            uploaded.emplace_back(&f, read);
             r.CountDone(Results::FileServerCreation, ShownPath(f));
             continue;
         }
         SYNC_LOG_WARN("Upload of %1 to %2 failed: status %3", f.localPath, f.serverPath,
                       QString::number(status));
         f.syncStatus = FileSynchronizationStatus::OutOfSync;
+        if (_database && f.id > 0) ForgetUnsynchronised(f, LastSynchronised(*_database, f));
         _StoreRecord(f);
         r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
     }
+    SettleTimesOfRecentFiles(uploaded);
+    for (const UploadedFile& file : uploaded) _StoreRecord(*file.first);
     return r;
 }
 
-bool LocalFolderServer::_Upload(File& f, int& status) {
+bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read) {
     status = 0;
     QByteArray native;
     try {
@@ -467,7 +558,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     }
     QByteArray parent, name;
     SplitNative(native, parent, name);
-    const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const FdCloser dir(OpenBelow(_directory.toUtf8(), parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (dir.fd < 0) {
         // A missing parent is a conflict with the tree, as PUT answers it.
         status = errno == ENOENT || errno == ENOTDIR ? sync::http::Conflict : StatusOf(errno);
@@ -481,9 +572,9 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     };
     // Only what the engine has seen is replaced: nothing for a new file, else the version the
     // record names. Where nothing is, a file is written as new: a local edit outlives a
-    // deletion on the server.
+    // deletion on the server (but not a rename that changed only the name's case).
     const auto seen = [&](const struct stat* now) {
-        if (!now) return true;
+        if (!now) return f.serverFileId.isEmpty() || !OtherSpellingExists(dir.fd, name);
         if (f.serverFileId.isEmpty()) return false;
         const QString versionId = f.properties.value(QStringLiteral("versionId"));
         return now && IdOf(*now) == f.serverFileId &&
@@ -509,6 +600,7 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
         SetServerFields(f, stored, PrivilegesOf(dir.fd, name.constData(), false, writable));
         f.size = qint64(before.st_size);
         f.lastModified = WholeSecondsOf(before);
+        if (read) *read = before;
         f.checksum = hash;
         f.syncStatus = FileSynchronizationStatus::Synchronized;
         f.referencesOnly = 0;
@@ -537,16 +629,14 @@ bool LocalFolderServer::_Upload(File& f, int& status) {
     }
 
     // A server version that this client never synchronised (both sides changed the file since
-    // the last cycle) is replaced only once it is kept beside it; the next cycle brings the
-    // copy down like any new server file. A file added on both sides has no version
-    // synchronised at all; the planner marks it, as every file changed on both sides, with the
-    // server's "version".
+    // the last cycle, or both added it) is replaced only once it is kept beside it; the next
+    // cycle brings the copy down like any new server file. The planner marks every file changed
+    // on both sides with the server's "version".
     if (exists) {
-        const QString synchronised =
-            _database && f.id > 0
-                ? _database->GetFileById(f.id).properties.value(QStringLiteral("versionId"))
-                : QString();
-        if ((f.properties.contains(QStringLiteral("version")) ||
+        const File last = _database ? LastSynchronised(*_database, f) : File();
+        const QString synchronised = last.properties.value(QStringLiteral("versionId"));
+        const bool neverSynchronised = _database && last.id <= 0;
+        if ((f.properties.contains(QStringLiteral("version")) || neverSynchronised ||
              (!synchronised.isEmpty() && synchronised != VersionIdOf(server))) &&
             !KeepConflictCopy(dir.fd, name, server, status))
             return false;
@@ -650,7 +740,7 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
         return false;
     }
     const FdCloser source(
-        ::open(native.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
+        OpenBelow(_directory.toUtf8(), native, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOFOLLOW));
     struct stat announced;
     if (source.fd < 0) {
         // Links and entries below a file are not listed: for a client they are not there.
@@ -773,7 +863,8 @@ Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
             const QByteArray native = _NativePath(f.serverPath);
             QByteArray parent, name;
             SplitNative(native, parent, name);
-            const FdCloser dir(::open(parent.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            const FdCloser dir(
+                OpenBelow(_directory.toUtf8(), parent, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
             struct stat st;
             if (native == _directory.toUtf8()) {
                 status = sync::http::Conflict;
@@ -843,9 +934,13 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
         toVisit.pop_front();
         const bool isRoot = current.below.isEmpty();
         const QString shown = QString::fromUtf8(current.native);
-        // The root may be reached through a link; below it a link is never followed.
-        DIR* dir = OpenDir(::open(current.native.constData(),
-                                  O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW)));
+        // The root may be reached through a link; below it a link is never followed. A folder
+        // too deep to be named whole is listed all the same.
+        int fd = ::open(current.native.constData(),
+                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
+        if (fd < 0 && !isRoot && errno == ENAMETOOLONG)
+            fd = OpenNameByName(rootNative, current.native);
+        DIR* dir = OpenDir(fd);
         if (!dir) {
             const int error = errno;
             if (isRoot && (error == ENOENT || error == ENOTDIR)) return sync::http::NotFound;
@@ -906,7 +1001,8 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
             const QString decoded = DecodeName(name);
             if (decoded.isNull()) {
                 // The local side leaves such names out too; the user has to rename it.
-                SYNC_LOG_WARN("Server entry in %1 has a name that is not UTF-8; not listed", shown);
+                SYNC_LOG_WARN("Leaving out %1 in server folder %2: its name is not valid UTF-8.",
+                              Escaped(name), shown);
                 continue;
             }
             const QString below = isRoot ? decoded : current.below + QLatin1Char('/') + decoded;
@@ -1031,16 +1127,18 @@ Results LocalFolderServer::DeleteFolder(Folder& folder) {
             error = RemoveEntryKeeping(parentFd, name, QString(), keep, kept);
         ::close(parentFd);
     }
-    if (kept > 0)
-        SYNC_LOG_WARN(
-            "Server folder %1 is kept: it holds %2 file(s) that this machine never synchronised "
-            "or that changed since",
-            folder.serverPath, QString::number(kept));
     if (error != 0)
         throw HttpException(
             StatusOf(error),
             QStringLiteral("Failed to delete server folder %1: %2")
                 .arg(folder.serverPath, QString::fromLocal8Bit(std::strerror(error))));
+    // The folder stays for what it holds; the next listing shows it again.
+    if (kept > 0)
+        SYNC_LOG_WARN(
+            "Kept server folder %1: it holds %2 entries that this machine never synced, that "
+            "changed since, or that are never synced (links, hidden entries, names that are not "
+            "UTF-8)",
+            folder.serverPath, QString::number(kept));
     Results r;
     r.CountDone(Results::FolderServerDeletion, ShownPath(folder));
     return r;

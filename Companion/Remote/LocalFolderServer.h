@@ -16,7 +16,8 @@ namespace remote {
 // the path below that directory. Listings carry "dev:ino" as the entry's id, a version id that
 // changes whenever the content may have changed (size, modification time, change time), no
 // checksum (hashing every file per listing would cost more than a transfer), and privileges
-// from what this process may do in the directory. Symbolic links and special files are never
+// from what this process may do in the directory (download always: an entry that cannot be
+// read fails its download rather than look deleted). Symbolic links and special files are never
 // listed: a link may lead out of the directory or around in a loop.
 //
 // OS errors answer as a web server would: not found 404, no permission 403, disk full 507,
@@ -59,8 +60,9 @@ public:
     // is success.
     Results CreateFolder(Folder& folder, const QString& text, bool createParents) override;
     // A path that holds no folder counts as deleted; the top folder is never deleted (403).
-    // Files below that this machine never synchronised, or not as they are now, stay with the
-    // folders on their way; the rest goes.
+    // What no listing shows (links, special files, hidden entries, names that are not UTF-8)
+    // and files that this machine never synchronised, or not as they are now, are never
+    // deleted: they stay, and so do the folders that hold them.
     Results DeleteFolder(Folder& folder) override;
     bool GetFolderInfo(const Folder& folder, Folder& info) override;
     // 0 with the whole tree, 404 when the root is missing, another status when any folder of
@@ -100,7 +102,7 @@ private:
     int _List(Folder& root, bool directOnly, QVector<Folder>* folders, QVector<File>* files);
     // True when the file was transferred and its record settled; else status tells why (0 for
     // a failure of the local disk).
-    bool _Upload(File& file, int& status);
+    bool _Upload(File& file, int& status, struct stat* read);
     bool _Download(sync::thread::SynchronizedFileConfiguration& pair, const QString& target,
                    const Folder& root, int& status);
     void _StoreRecord(File& record);

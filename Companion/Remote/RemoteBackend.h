@@ -71,15 +71,28 @@ public:
 
     // The name under which a server version that an upload is about to replace unseen is kept:
     // "report (conflict 2026-11-23 221502).txt", with " 2", " 3"... before the extension when
-    // that name is taken.
+    // that name is taken. A name that would not fit in a file name (255 bytes) loses the end
+    // of its stem, then of its extension: a copy that cannot be made would stop the upload
+    // for good.
     static QString ConflictCopyName(const QString& name, const QDateTime& when, int attempt = 1) {
         int dot = name.lastIndexOf(QLatin1Char('.'));
         if (dot <= 0) dot = name.size();  // no extension, or a name that begins with a dot
         QString tag = when.toString(QStringLiteral("yyyy-MM-dd HHmmss"));
         if (attempt > 1) tag += QLatin1Char(' ') + QString::number(attempt);
-        return name.left(dot) + QStringLiteral(" (conflict ") + tag + QLatin1Char(')') +
-               name.mid(dot);
+        const QString marker = QStringLiteral(" (conflict ") + tag + QLatin1Char(')');
+        QString stem = name.left(dot);
+        QString extension = name.mid(dot);
+        const int room = kNameBytes - int(marker.toUtf8().size());
+        while (int((stem + extension).toUtf8().size()) > room) {
+            QString& cut = stem.isEmpty() ? extension : stem;
+            if (cut.isEmpty()) break;
+            cut.chop(cut.size() >= 2 && cut.at(cut.size() - 1).isLowSurrogate() ? 2 : 1);
+        }
+        return stem + marker + extension;
     }
+
+private:
+    static constexpr int kNameBytes = 255;
 };
 
 }  // namespace remote

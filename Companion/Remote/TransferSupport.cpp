@@ -5,6 +5,7 @@
 #include <QFile>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "CryptographicHash.h"
 #include "SyncLog.h"
@@ -40,6 +41,30 @@ QDateTime WholeSecondsOf(const struct stat& st) {
     return QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec), Qt::UTC);
 }
 
+void SettleTimesOfRecentFiles(const std::vector<UploadedFile>& files) {
+    if (files.empty()) return;
+    struct timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    time_t latest = -1;
+    // A time stamp in the future is no risk: any write moves it to the present.
+    for (const UploadedFile& file : files)
+        if (file.second.st_mtim.tv_sec == now.tv_sec) latest = now.tv_sec;
+    // Into the next second, after which any further write shows in the time stamp.
+    while (latest >= 0 && now.tv_sec <= latest) {
+        ::usleep(useconds_t((1000000000L - now.tv_nsec) / 1000 + 1000));
+        ::clock_gettime(CLOCK_REALTIME, &now);
+    }
+    // A file read in an earlier second may have been written since, in the same second as its
+    // time stamp: one stat each tells.
+    for (const UploadedFile& file : files) {
+        if (!file.first->lastModified.isValid()) continue;
+        struct stat st;
+        if (::stat(QFile::encodeName(file.first->localPath).constData(), &st) != 0 ||
+            !SameStamp(st, file.second))
+            file.first->lastModified = QDateTime();
+    }
+}
+
 QString ErrorText(int error) {
     return QString::fromLocal8Bit(std::strerror(error));
 }
@@ -61,17 +86,53 @@ LocalTarget JudgeLocalTarget(const QString& target, sync::config::FileConfigurat
     const bool stampAsRecorded =
         regular && record.lastModified.isValid() && qint64(local.st_size) == record.size &&
         qint64(local.st_mtim.tv_sec) == record.lastModified.toSecsSinceEpoch();
-    // Read only where it can decide: as recorded by its stamp, or of the downloaded size.
+    // A record that lost its time (below) is judged by its content alone.
+    const bool contentDecides = regular && !record.lastModified.isValid() &&
+                                !record.checksum.isEmpty() && qint64(local.st_size) == record.size;
+    // Read only where it can decide: as recorded by its stamp or its content, or of the
+    // downloaded size.
+    const bool hashed =
+        regular && (stampAsRecorded || contentDecides || qint64(local.st_size) == downloadedSize);
     const QString localHash =
-        regular && (stampAsRecorded || qint64(local.st_size) == downloadedSize)
-            ? sync::core::CryptographicHash().GetFileHash(target)
-            : QString();
+        hashed ? sync::core::CryptographicHash().GetFileHash(target) : QString();
+    if (hashed && localHash.isEmpty()) {
+        // A file that cannot be read now cannot be judged: neither replaced nor taken for an
+        // edit, and the record keeps what it says.
+        SYNC_LOG_WARN("Cannot read %1 to judge it", target);
+        return LocalTarget::Unreadable;
+    }
     const bool asRecorded =
-        stampAsRecorded && (record.checksum.isEmpty() || localHash == record.checksum);
+        (stampAsRecorded && (record.checksum.isEmpty() || localHash == record.checksum)) ||
+        (contentDecides && localHash == record.checksum);
     const bool sameContent = !localHash.isEmpty() && localHash == downloadedHash;
     if (asRecorded || sameContent) return LocalTarget::Replaceable;
     if (stampAsRecorded) record.lastModified = QDateTime();
     return LocalTarget::Edited;
+}
+
+sync::config::FileConfiguration LastSynchronised(sync::interf::IFileConfigManager& database,
+                                                 const sync::config::FileConfiguration& file) {
+    if (file.id <= 0) return sync::config::FileConfiguration();
+    const sync::config::FileConfiguration stored = database.GetFileById(file.id);
+    if (stored.id != file.id || stored.checksum.isEmpty()) return sync::config::FileConfiguration();
+    return stored;
+}
+
+void ForgetUnsynchronised(sync::config::FileConfiguration& file,
+                          const sync::config::FileConfiguration& last) {
+    const QString version = QStringLiteral("version"), versionId = QStringLiteral("versionId");
+    file.serverFileId = last.serverFileId;
+    file.serverChecksum = last.serverChecksum;
+    file.serverModified = last.serverModified;
+    for (const QString& key : {version, versionId}) {
+        if (last.properties.contains(key))
+            file.properties.insert(key, last.properties.value(key));
+        else
+            file.properties.remove(key);
+    }
+    if (last.id > 0) return;
+    file.lastModified = QDateTime();
+    file.checksum.clear();
 }
 
 }  // namespace remote

@@ -6,8 +6,11 @@
 #include <QDateTime>
 #include <QString>
 #include <cstddef>
+#include <utility>
+#include <vector>
 
 #include "FileConfiguration.h"
+#include "IFileConfigManager.h"
 
 namespace sync {
 namespace remote {
@@ -31,6 +34,14 @@ bool WriteAll(int fd, const char* data, std::size_t size);
 bool SameStamp(const struct stat& a, const struct stat& b, bool withChangeTime = false);
 // Whole seconds: the database keeps no finer time, and the local side compares in seconds.
 QDateTime WholeSecondsOf(const struct stat& st);
+// Records of files just uploaded, each with the status of the local file as the upload read
+// it. A write in the second of the recorded time that keeps the size would not show in that
+// time, and the record would claim a content the file no longer has: when a time stamp falls
+// in the current second, waits (once) until that second is over, then looks at each file
+// again. A file unchanged since it was read keeps its recorded time; one written meanwhile
+// loses it, so that the next cycle reads its content to tell.
+using UploadedFile = std::pair<sync::config::FileConfiguration*, struct stat>;
+void SettleTimesOfRecentFiles(const std::vector<UploadedFile>& files);
 QString ErrorText(int error);
 // A server path without trailing slashes.
 QString Normalized(QString path);
@@ -44,6 +55,19 @@ QString Normalized(QString path);
 enum class LocalTarget { Replaceable, Edited, Unreadable };
 LocalTarget JudgeLocalTarget(const QString& target, sync::config::FileConfiguration& record,
                              qint64 downloadedSize, const QString& downloadedHash);
+
+// The database's record of a file as it was last synchronised; none (id -1) for a file that
+// never settled a transfer (no checksum): its record was written for the transfer under way,
+// naming a server version that was only seen, never synchronised.
+sync::config::FileConfiguration LastSynchronised(sync::interf::IFileConfigManager& database,
+                                                 const sync::config::FileConfiguration& file);
+
+// After a failed upload of a file the database knows: the record names again the server
+// version last synchronised, and for a file never synchronised no server version and no local
+// one, so that the next cycle uploads it again and keeps a server version it replaces unseen.
+// Whatever is written of the record next must not claim what did not happen.
+void ForgetUnsynchronised(sync::config::FileConfiguration& file,
+                          const sync::config::FileConfiguration& last);
 
 }  // namespace remote
 }  // namespace sync

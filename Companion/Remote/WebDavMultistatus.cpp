@@ -24,15 +24,18 @@ int StatusOfLine(const QString& line) {
     return line.mid(space + 1, end - space - 1).toInt();
 }
 
-// The decoded path of an href, which may be an absolute URL or an absolute path.
-QString PathOfHref(const QString& href) {
+// The decoded path of an href, which may be an absolute URL or an absolute path; undecodable
+// tells whether its bytes are UTF-8 that decodes and encodes back unchanged.
+QString PathOfHref(const QString& href, bool& undecodable) {
     QString encoded = href.trimmed();
     const int scheme = encoded.indexOf(QLatin1String("://"));
     if (scheme > 0) {
         const int slash = encoded.indexOf(QLatin1Char('/'), scheme + 3);
         encoded = slash < 0 ? QString() : encoded.mid(slash);
     }
-    QString path = QUrl::fromPercentEncoding(encoded.toUtf8());
+    const QByteArray bytes = QByteArray::fromPercentEncoding(encoded.toUtf8());
+    QString path = QString::fromUtf8(bytes);
+    undecodable = path.toUtf8() != bytes;
     while (path.endsWith(QLatin1Char('/'))) path.chop(1);
     return path;
 }
@@ -213,7 +216,7 @@ bool MultistatusParser::_End() {
     switch (e) {
         case Href:
             if (parent == Response) {
-                _entry.path = PathOfHref(_text);
+                _entry.path = PathOfHref(_text, _entry.undecodable);
                 _hrefSeen = true;
             } else if (parent == ResourceId) {
                 _found.id = _text.trimmed();

@@ -12,6 +12,9 @@ namespace remote {
 // One <response> of a multistatus answer, with the properties the server reported as found.
 struct DavEntry {
     QString path;  // the decoded path of the href, without a trailing slash ("" for "/")
+    // The href's bytes are not UTF-8: path holds a lossy decoding of them, which names another
+    // entry or none, so the entry cannot be read, written or deleted by that path.
+    bool undecodable = false;
     bool collection = false;
     qint64 size = -1;
     QDateTime modified;  // UTC

@@ -284,6 +284,12 @@ int WebDavServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
             return false;
         }
         if (serverPath.isNull()) return true;
+        if (e.undecodable) {
+            // Its lossy name would name another entry or none; the local side leaves such
+            // names out too, and the user has to rename it.
+            SYNC_LOG_WARN("Server entry %1 has a name that is not UTF-8; not listed", e.path);
+            return true;
+        }
         if (serverPath == listed) {
             if (serverPath == rootPath) {
                 rootSeen = true;
@@ -464,6 +470,56 @@ Results WebDavServer::CreateFolder(Folder& folder, const QString&, bool createPa
     return r;
 }
 
+int WebDavServer::_ListForDeletion(const QString& folderPath, QList<DavEntry>& listed,
+                                   QSet<QString>& holders) {
+    std::deque<QString> toWalk{folderPath};
+    while (!toWalk.empty()) {
+        const QString current = toWalk.front();
+        toWalk.pop_front();
+        int entryStatus = 0;
+        const auto keep = [&](const QString& path) {
+            for (QString holder = path.left(path.lastIndexOf(QLatin1Char('/')));
+                 holder.size() >= folderPath.size();
+                 holder = holder.left(holder.lastIndexOf(QLatin1Char('/'))))
+                holders.insert(holder);
+        };
+        MultistatusParser parser([&](DavEntry& e) {
+            if (e.status != 0 && e.status != 200) {
+                entryStatus = e.status;
+                return false;
+            }
+            const QString serverPath = _ServerPathOf(e.path);
+            if (serverPath.isNull() || serverPath == current) return true;
+            const QString name = serverPath.mid(serverPath.lastIndexOf(QLatin1Char('/')) + 1);
+            // The lossy path of an undecodable entry still names its folder rightly: only
+            // folders that decode are walked.
+            if (e.undecodable ||
+                (name.startsWith(QLatin1Char('.')) && !IsUploadTemporaryName(name))) {
+                keep(serverPath);
+                return true;
+            }
+            e.path = serverPath;
+            listed.append(e);
+            if (e.collection) toWalk.push_back(serverPath);
+            return true;
+        });
+        WebDavConnection::Request request;
+        request.method = "PROPFIND";
+        request.url = _Url(current, true);
+        request.headers = {"Depth: 1"};
+        request.body = PropfindBody(false);
+        request.sink = [&](const char* data, std::size_t size) { return parser.Feed(data, size); };
+        const DavResponse r = _connection->Perform(request);
+        _Note(r, request.method, request.url);
+        if (entryStatus != 0) return entryStatus;
+        if (r.status == sync::http::NotFound && r.error.isEmpty() && !r.aborted)
+            return current == folderPath ? int(sync::http::NotFound) : int(sync::http::Conflict);
+        if (!r.Ok()) return r.status == 0 ? kBadGateway : r.status;
+        if (r.aborted || r.status != 207 || !parser.Finish()) return kBadGateway;
+    }
+    return 0;
+}
+
 Results WebDavServer::DeleteFolder(Folder& folder) {
     if (Normalized(folder.serverPath).isEmpty())
         throw HttpException(sync::http::Forbidden,
@@ -473,7 +529,39 @@ Results WebDavServer::DeleteFolder(Folder& folder) {
         results.CountDone(Results::FolderServerDeletion, ShownPath(folder));
         return results;
     }
+    const QString folderPath = Normalized(folder.serverPath);
     const QByteArray url = _Url(folder.serverPath, true);
+    // DELETE takes everything below the folder, also what no listing shows a client (hidden
+    // entries, names that are not UTF-8): that stays, and so do the folders that hold it.
+    QList<DavEntry> listed;
+    QSet<QString> holders;
+    const int listing = _ListForDeletion(folderPath, listed, holders);
+    if (listing != 0 && listing != sync::http::NotFound)
+        throw HttpException(listing,
+                            QStringLiteral("Failed to list server folder %1 before deleting it: %2")
+                                .arg(folder.serverPath, _lastError),
+                            QUrl(WebDavConnection::Shown(url)));
+    if (!holders.isEmpty()) {
+        for (const DavEntry& e : listed) {
+            // Entries of a folder that stays go one by one; any other folder goes whole.
+            if (holders.contains(e.path) ||
+                !holders.contains(e.path.left(e.path.lastIndexOf(QLatin1Char('/')))))
+                continue;
+            const DavResponse r = _Perform("DELETE", _Url(e.path, e.collection));
+            if (!r.Ok() && !(r.status == sync::http::NotFound && r.error.isEmpty()))
+                throw HttpException(
+                    r.status == 0 ? kBadGateway : r.status,
+                    QStringLiteral("Failed to delete server entry %1: %2").arg(e.path, _lastError),
+                    QUrl(WebDavConnection::Shown(url)));
+        }
+        SYNC_LOG_WARN(
+            "Kept server folder %1: it holds entries that are never synced (hidden "
+            "entries, names that are not UTF-8)",
+            folder.serverPath);
+        Results results;
+        results.CountDone(Results::FolderServerDeletion, ShownPath(folder));
+        return results;
+    }
     const DavResponse r = _Perform("DELETE", url);
     bool gone = r.Ok() || (r.status == sync::http::NotFound && r.error.isEmpty());
     if (!gone && r.status == sync::http::BadRequest && r.error.isEmpty()) {
@@ -528,13 +616,39 @@ bool WebDavServer::_KeepUnknownContent(const Folder& folder) {
         const bool keeps = std::any_of(kept.cbegin(), kept.cend(), [&](const QString& k) {
             return k.startsWith(path + QLatin1Char('/'));
         });
-        if (!keeps) _Perform("DELETE", _Url(path, true));
+        if (keeps) continue;
+        // As any folder deletion: what no listing shows stays.
+        Folder gone = sub;
+        gone.authenticationId = folder.authenticationId;
+        DeleteFolder(gone);
     }
     SYNC_LOG_WARN(
         "Server folder %1 is kept: it holds %2 file(s) that this machine never synchronised "
         "or that changed since, such as %3",
         folder.serverPath, QString::number(kept.size()), kept.first());
     return true;
+}
+
+bool WebDavServer::_OtherSpellingExists(const QString& serverPath) {
+    const int slash = serverPath.lastIndexOf(QLatin1Char('/'));
+    const QString name = serverPath.mid(slash + 1);
+    const QString wanted = name.toCaseFolded();
+    Folder parent;
+    parent.serverPath = serverPath.left(std::max(slash, 0));
+    parent.setSyncOption(parent.getSyncOption() | sync::config::SyncHiddenEntries);
+    QVector<Folder> folders;
+    QVector<File> files;
+    if (_List(parent, true, &folders, &files) != 0) return true;
+    const auto other = [&](const QString& path) {
+        const QString normal = Normalized(path);
+        const QString entry = normal.mid(normal.lastIndexOf(QLatin1Char('/')) + 1);
+        return entry != name && entry.toCaseFolded() == wanted;
+    };
+    for (const File& file : files)
+        if (other(file.serverPath)) return true;
+    for (const Folder& folder : folders)
+        if (other(folder.serverPath)) return true;
+    return false;
 }
 
 bool WebDavServer::GetFolderInfo(const Folder& folder, Folder& info) {
@@ -632,11 +746,13 @@ Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, cons
                                   QList<File>& files) {
     Results r;
     QList<File*> settled;
+    std::vector<UploadedFile> uploaded;
     for (File& f : files) {
         int status = 0;
         _lastError.clear();
-        if (_Upload(f, status)) {
-            _StoreRecord(f);
+        struct stat read;
+        if (_Upload(f, status, &read)) {
+            uploaded.emplace_back(&f, read);
             settled << &f;
             r.CountDone(Results::FileServerCreation, ShownPath(f));
             continue;
@@ -644,14 +760,17 @@ Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, cons
         SYNC_LOG_WARN("Upload of %1 to %2 failed: status %3 %4", f.localPath, f.serverPath,
                       QString::number(status), _lastError);
         f.syncStatus = FileSynchronizationStatus::OutOfSync;
+        if (_database && f.id > 0) ForgetUnsynchronised(f, LastSynchronised(*_database, f));
         _StoreRecord(f);
         r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
     }
+    SettleTimesOfRecentFiles(uploaded);
+    for (const UploadedFile& file : uploaded) _StoreRecord(*file.first);
     _FirmUpTags(settled);
     return r;
 }
 
-bool WebDavServer::_Upload(File& f, int& status) {
+bool WebDavServer::_Upload(File& f, int& status, struct stat* read) {
     status = 0;
     const QString serverPath = Normalized(f.serverPath);
     const FdCloser local(
@@ -671,6 +790,7 @@ bool WebDavServer::_Upload(File& f, int& status) {
         if (IsWeak(entry.etag)) _lastWeakTag.start();
         f.size = size;
         f.lastModified = WholeSecondsOf(before);
+        if (read) *read = before;
         f.checksum = hash;
         f.syncStatus = FileSynchronizationStatus::Synchronized;
         f.referencesOnly = 0;
@@ -725,8 +845,9 @@ bool WebDavServer::_Upload(File& f, int& status) {
     const QString recorded = f.properties.value(kVersionId);
     if (f.serverFileId.isEmpty() || !exists) {
         // Never seen by this client, or deleted on the server: a local edit outlives a server
-        // deletion, so it goes up as a new file, but only where no file is.
-        if (exists) {
+        // deletion, so it goes up as a new file, but only where no file is (nor one whose name
+        // differs only in case: names are paired regardless of case).
+        if (exists || (!f.serverFileId.isEmpty() && _OtherSpellingExists(serverPath))) {
             status = sync::http::PreconditionFailed;
             return false;
         }
@@ -741,12 +862,11 @@ bool WebDavServer::_Upload(File& f, int& status) {
         // The record names the version the engine planned against; the database still names
         // the one last synchronised. When they differ, both sides changed the file: the
         // server's version, which this client never synchronised, is kept beside it. A file
-        // added on both sides has no version synchronised at all; the planner marks it, as
-        // every file changed on both sides, with the server's "version".
-        const QString synchronised = _database && f.id > 0
-                                         ? _database->GetFileById(f.id).properties.value(kVersionId)
-                                         : QString();
-        if (f.properties.contains(kVersion) ||
+        // both sides added was never synchronised in any version; the planner marks every file
+        // changed on both sides with the server's "version".
+        const File last = _database ? LastSynchronised(*_database, f) : File();
+        const QString synchronised = last.properties.value(kVersionId);
+        if (f.properties.contains(kVersion) || (_database && last.id <= 0) ||
             (!synchronised.isEmpty() && !SameTag(synchronised, current))) {
             const QString name = serverPath.mid(serverPath.lastIndexOf(QLatin1Char('/')) + 1);
             const QString folder = serverPath.left(serverPath.lastIndexOf(QLatin1Char('/')));

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <QByteArray>
 #include <QElapsedTimer>
+#include <QSet>
 #include <QString>
 #include <memory>
 
@@ -64,9 +67,10 @@ public:
     // MKCOL; an existing folder is success, an existing file 409. Without createParents a
     // missing parent fails with 409. Failures are counted, not thrown.
     Results CreateFolder(Folder& folder, const QString& text, bool createParents) override;
-    // A folder already gone counts as deleted; other failures throw HttpException. A folder
-    // that holds files this machine never synchronised (hidden, left out, or new or changed
-    // since) keeps them, and only loses what this machine knows.
+    // A folder already gone counts as deleted; other failures throw HttpException. What no
+    // listing shows (hidden entries, names that are not UTF-8) and files that this machine
+    // never synchronised, or not as they are now, are never deleted: they stay, and so do the
+    // folders that hold them.
     Results DeleteFolder(Folder& folder) override;
     // false when nothing or a file is at the path; throws HttpException on a failed request.
     bool GetFolderInfo(const Folder& folder, Folder& info) override;
@@ -113,13 +117,21 @@ private:
     // servers answer it with 400 rather than 404 or 409.
     bool _ThroughFile(const QString& serverPath);
     int _List(Folder& root, bool directOnly, QVector<Folder>* folders, QVector<File>* files);
-    bool _Upload(File& file, int& status);
+    // Everything below a folder, one level per request: the entries a listing shows (their
+    // paths made server paths, parents before children) and the folders that hold anything
+    // else (holders). 0, or the status that ended the walk (404: the folder is gone).
+    int _ListForDeletion(const QString& folderPath, QList<DavEntry>& listed,
+                         QSet<QString>& holders);
+    bool _Upload(File& file, int& status, struct stat* read);
     bool _Download(sync::thread::SynchronizedFileConfiguration& pair, const QString& target,
                    const Folder& root, int& status);
     int _Delete(const File& file);
     // Deletes what this machine knows below a server folder and keeps the folder when other
     // files are in it: true then. False when the folder may go as a whole.
     bool _KeepUnknownContent(const Folder& folder);
+    // Whether the folder of serverPath holds another entry whose name differs only in case;
+    // true when it cannot be listed.
+    bool _OtherSpellingExists(const QString& serverPath);
     int _MakeFolder(const QString& serverPath);
     void _StoreRecord(File& record);
     // A tag the server marked weak only because the file changed within the current second
