@@ -316,7 +316,7 @@ def report(tree, root_kind, reps, runs, floor_runs, out):
             r = per.get(sc, [])
             walls = [x["wall"] for x in r]
             ratio = ""
-            if tool != ours and walls and runs.get(ours, {}).get(sc):
+            if not tool.startswith(ours) and walls and runs.get(ours, {}).get(sc):
                 ratio = "%.2f" % (med([x["wall"] for x in runs[ours][sc]]) / med(walls))
             extra = ""
             if sc == "nostate" and r:
