@@ -743,10 +743,12 @@ TEST_P(WrittenDuringUpload, NeverLeavesATornFileOnTheServer) {
                         if (row.writing == Writing::TruncatedAndRewritten) {
                             WriteFile(path, content, O_TRUNC);
                         } else {
+                            // Chunk by chunk in place: the content is the same chunk over.
+                            const QByteArray chunk = Chunk(version);
                             const int fd = ::open(path.constData(), O_WRONLY | O_CLOEXEC);
                             for (int i = 0; i < chunks && fd >= 0; ++i)
-                                ::pwrite(fd, content.constData() + qint64(i) * kChunk, kChunk,
-                                         qint64(i) * kChunk);
+                                ::pwrite(fd, chunk.constData(), std::size_t(chunk.size()),
+                                         qint64(i) * chunk.size());
                             if (fd >= 0) ::close(fd);
                         }
                     }
