@@ -1,5 +1,7 @@
 #include "QDirIteratorWrapper.h"
 
+#include "OpenNameByName.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,28 +94,6 @@ QString EscapeUndecodable(const char* s, size_t length) {
         validFrom = ++i;
     }
     return out + DecodeUtf8(s + validFrom, length - validFrom);
-}
-
-// Opens a folder whose whole path is longer than the system takes (PATH_MAX bytes, which a
-// path of multi-byte names reaches long before the engine's limits in characters), one name at
-// a time from a folder above it; links below that folder are never followed. -1 with errno set.
-int OpenNameByName(const QByteArray& top, const QByteArray& native) {
-    if (!native.startsWith(top)) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    int fd = ::open(top.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (const QByteArray& name : native.mid(top.size()).split('/')) {
-        if (name.isEmpty()) continue;
-        if (fd < 0) return -1;
-        const int next =
-            ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        const int error = errno;
-        ::close(fd);
-        errno = error;
-        fd = next;
-    }
-    return fd;
 }
 
 class WalkedEntryInfo : public sync::interf::IQFileInfoWrapper {

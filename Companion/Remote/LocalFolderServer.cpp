@@ -1,5 +1,7 @@
 #include "LocalFolderServer.h"
 
+#include "OpenNameByName.h"
+
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -88,26 +90,7 @@ bool OtherSpellingExists(int dirFd, const QByteArray& name) {
     return false;
 }
 
-// Opens a folder whose whole path is longer than the system takes (PATH_MAX bytes), one name at
-// a time from a folder above it; links below that folder are never followed. -1 with errno set.
-int OpenNameByName(const QByteArray& top, const QByteArray& native) {
-    if (!native.startsWith(top)) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    int fd = ::open(top.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    for (const QByteArray& name : native.mid(top.size()).split('/')) {
-        if (name.isEmpty()) continue;
-        if (fd < 0) return -1;
-        const int next =
-            ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        const int error = errno;
-        ::close(fd);
-        errno = error;
-        fd = next;
-    }
-    return fd;
-}
+using sync::core::OpenNameByName;
 
 // open(2) of a path below top, also of one too long to be named whole.
 int OpenBelow(const QByteArray& top, const QByteArray& native, int flags) {
