@@ -1,5 +1,6 @@
 // foldersync: keeps local folders in step with server folders.
 #include <fcntl.h>
+#include <openssl/crypto.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -79,6 +80,8 @@ const char kUsage[] =
     "\n"
     "A WebDAV password is read from $FOLDERSYNC_PASSWORD or the --password-file given when\n"
     "the server was registered (only its path is kept), never from the command line.\n"
+    "A WebDAV request that moves nothing for 120 seconds is given up; $FOLDERSYNC_HTTP_TIMEOUT\n"
+    "sets that limit in seconds.\n"
     "Exit status: 0 in step, 1 errors, 2 usage or configuration, 3 held back by the\n"
     "mass-deletion guard.\n";
 
@@ -216,6 +219,14 @@ void InstallStopSignals(QObject* parent, std::function<void()> wake = {}) {
     }
 }
 
+// OpenSSL (the hashes, and libcurl's) frees what it keeps per thread only once the thread has
+// ended, after QThread::wait() has returned; a process that exits right then runs OpenSSL's
+// exit cleanup against that release and may corrupt its heap. A thread of ours frees it
+// itself, before it reports itself finished.
+void ReleaseThreadState() {
+    OPENSSL_thread_stop();
+}
+
 // Only the chosen root folders take part in the cycle.
 class SelectedRoots : public sync::interf::IFolderFilter {
 public:
@@ -253,6 +264,7 @@ protected:
         } catch (...) {
             error = QStringLiteral("unexpected failure");
         }
+        ReleaseThreadState();
     }
 
 private:
@@ -425,6 +437,8 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
                      &sync::syncService::SynchronizationService::StartSyncService);
     // Its timer belongs to the service thread: it is deleted there, as the thread ends.
     QObject::connect(&thread, &QThread::finished, service, &QObject::deleteLater);
+    // The service goes last of what runs on its thread, and it goes there.
+    QObject::connect(service, &QObject::destroyed, &ReleaseThreadState);
     QObject::connect(&thread, &QThread::finished, QCoreApplication::instance(),
                      &QCoreApplication::quit);
     // The host application is the one that says "the user asked for a cycle now".

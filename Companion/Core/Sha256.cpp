@@ -12,10 +12,13 @@ namespace {
 // OpenSSL sets itself up on first use, on whatever thread that is. Done on the cycle's thread,
 // the error state of that thread, made while the set-up reads its configuration, is at times
 // never freed when the thread ends. Set up here instead, when the library is loaded, on the
-// thread that loads it, whose state OpenSSL frees at exit. (Both hashes of this library go
-// through OpenSSL.)
+// thread that loads it. (Both hashes of this library go through OpenSSL, and so does libcurl.)
+// Without its clean-up at exit: by default OpenSSL frees the state of every thread that used
+// it when the process exits, and a thread that used it and is still ending at that moment
+// frees its own once more, corrupting the heap. The first initialisation decides, so this
+// one is made before anything else calls OpenSSL.
 [[maybe_unused]] const bool kOpenSslReady =
-    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG, nullptr) == 1;
+    OPENSSL_init_crypto(OPENSSL_INIT_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr) == 1;
 }  // namespace
 
 struct Sha256::Context {

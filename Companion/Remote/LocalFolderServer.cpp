@@ -381,6 +381,21 @@ qint64 CopyHashing(int in, int out, sync::core::Sha256& hash, int& readError, in
     }
 }
 
+// The SHA-256 of what is left to read of fd; empty when reading fails.
+QString HashOfRest(int fd) {
+    sync::core::Sha256 hash;
+    char buffer[1 << 16];
+    for (;;) {
+        const ssize_t n = ::read(fd, buffer, sizeof buffer);
+        if (n == 0) return hash.HexResult();
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            return QString();
+        }
+        hash.Add(buffer, std::size_t(n));
+    }
+}
+
 // The folder part and the name of a native path.
 void SplitNative(const QByteArray& native, QByteArray& parent, QByteArray& name) {
     const int slash = native.lastIndexOf('/');
@@ -468,10 +483,13 @@ bool KeepConflictCopy(int dirFd, const QByteArray& name, const struct stat& vers
         ::unlinkat(dirFd, temporary.constData(), 0);
         return false;
     }
-    const QDateTime now = QDateTime::currentDateTime();
+    // Named after the version's time, not the moment: a run that dies after keeping the copy
+    // and before the upload finds it again under the same name and keeps it only once.
+    const QDateTime when = QDateTime::fromSecsSinceEpoch(qint64(st.st_mtim.tv_sec));
     const QString shown = QString::fromUtf8(name);
+    const QString kept = hash.HexResult();
     for (int attempt = 1; attempt < 100; ++attempt) {
-        const QByteArray target = RemoteBackend::ConflictCopyName(shown, now, attempt).toUtf8();
+        const QByteArray target = RemoteBackend::ConflictCopyName(shown, when, attempt).toUtf8();
         if (RenameNoReplace(dirFd, temporary, target)) {
             ::fsync(dirFd);
             SYNC_LOG_WARN("Kept the server's version of %1 as %2: both sides changed it", shown,
@@ -479,6 +497,16 @@ bool KeepConflictCopy(int dirFd, const QByteArray& name, const struct stat& vers
             return true;
         }
         if (errno != EEXIST) break;
+        struct stat other;
+        const FdCloser copy(::openat(dirFd, target.constData(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (copy.fd >= 0 && ::fstat(copy.fd, &other) == 0 && S_ISREG(other.st_mode) &&
+            other.st_size == st.st_size && HashOfRest(copy.fd) == kept) {
+            ::unlinkat(dirFd, temporary.constData(), 0);
+            SYNC_LOG_INFO("The server's version of %1 is kept as %2 already", shown,
+                          QString::fromUtf8(target));
+            return true;
+        }
+        errno = EEXIST;
     }
     status = LocalFolderServer::StatusOf(errno);
     ::unlinkat(dirFd, temporary.constData(), 0);
@@ -560,7 +588,7 @@ bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read) {
         if (!now) return f.serverFileId.isEmpty() || !OtherSpellingExists(dir.fd, name);
         if (f.serverFileId.isEmpty()) return false;
         const QString versionId = f.properties.value(QStringLiteral("versionId"));
-        return now && IdOf(*now) == f.serverFileId &&
+        return IdOf(*now) == f.serverFileId &&
                (versionId.isEmpty() || versionId == VersionIdOf(*now));
     };
     struct stat server;
@@ -672,8 +700,10 @@ bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read) {
         status = sync::http::PreconditionFailed;
         return false;
     }
-    if (::renameat(dir.fd, temporary.constData(), dir.fd, name.constData()) != 0) {
-        status = StatusOf(errno);
+    // Where no file was, none written meanwhile is replaced.
+    if (stillThere ? ::renameat(dir.fd, temporary.constData(), dir.fd, name.constData()) != 0
+                   : !RenameNoReplace(dir.fd, temporary, name)) {
+        status = errno == EEXIST ? sync::http::PreconditionFailed : StatusOf(errno);
         return false;
     }
     renamed = true;
@@ -829,6 +859,11 @@ bool LocalFolderServer::_Download(sync::thread::SynchronizedFileConfiguration& p
     record.syncStatus = FileSynchronizationStatus::Synchronized;
     record.referencesOnly = 0;
     record.transferPending = false;
+    // No transfer is under way any more. A record still naming a download would read, once
+    // marked synchronising for a later task and left so by a run that died, as a download cut
+    // short: the next run drops such a record when the local file is gone, and brings back a
+    // file the user deleted.
+    record.transferDirection = sync::config::TransferNone;
     return true;
 }
 

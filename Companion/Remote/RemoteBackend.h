@@ -14,6 +14,7 @@
 #include "IRemoteFileManagerFactory.h"
 #include "IRemoteFolderManagerFactory.h"
 #include "IUrlBuilder.h"
+#include "ServerPause.h"
 
 namespace sync {
 namespace remote {
@@ -47,6 +48,9 @@ public:
     // The seconds the server asked to be left alone with its last 429 or 503 (Retry-After);
     // -1 when it never did.
     virtual int RetryAfterSeconds() const { return -1; }
+    // The pause shared by every backend of the account (see ServerPause); a backend without
+    // one keeps its own.
+    virtual void SetServerPause(std::shared_ptr<ServerPause> pause) { (void)pause; }
 
     // The marked part of an upload's temporary file name in a server folder:
     // ".<name>.{SyncUpload}<1 to 8 hex digits>.TMP". Such a file is never content for any

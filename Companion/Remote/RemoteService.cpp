@@ -81,6 +81,9 @@ std::shared_ptr<RemoteBackend> RemoteService::_Backend(const ServerConfiguration
     entry.backend->SetDatabase(_files);
     entry.backend->SetExitChecker(_exitChecker);
     entry.backend->SetProgressListener(_progress);
+    std::shared_ptr<ServerPause>& pause = _pauses[account.id];
+    if (!pause) pause = std::make_shared<ServerPause>();
+    entry.backend->SetServerPause(pause);
     _backends.insert(account.id, entry);
     return entry.backend;
 }

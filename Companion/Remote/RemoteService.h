@@ -16,7 +16,8 @@ namespace remote {
 // The remote file service of every configured account: it looks the account up in the
 // database, picks its backend by the account's URL (a file:// URL or a plain path for a
 // local-folder server, http(s):// for WebDAV) and forwards each call to it. A backend lives
-// as long as its account's record stays the same, so connections are reused across cycles.
+// as long as its account's record stays the same, so connections are reused across cycles. A
+// pause a server asks for holds every backend of the account.
 class RemoteService : public sync::interf::factory::IRemoteFolderManagerFactory,
                       public sync::interf::factory::IRemoteFileManagerFactory,
                       public sync::interf::IFileUploadClient,
@@ -83,6 +84,9 @@ private:
     PasswordSource _passwords;
     BackendMaker _makeBackend;
     QHash<int, Entry> _backends;
+    // One per account, outliving its backends: a backend made anew for a changed record still
+    // honours the pause its predecessor was asked for.
+    QHash<int, std::shared_ptr<ServerPause>> _pauses;
 };
 
 }  // namespace remote

@@ -8,6 +8,7 @@
 #include <limits>
 #include <mutex>
 
+#include "ServerPause.h"
 #include "SyncCodes.h"
 #include "WebDavMultistatus.h"
 
@@ -24,6 +25,17 @@ constexpr std::size_t kErrorBodyBytes = 64 * 1024;
 constexpr long kConnectTimeoutSeconds = 20;
 // A transfer that moves nothing for this long is given up; a slow one is not.
 constexpr long kStallSeconds = 120;
+
+// FOLDERSYNC_HTTP_TIMEOUT, when it holds a positive number of seconds, replaces the stall limit
+// (and shortens the connect limit to it): tests of slow servers cannot wait two minutes.
+long StallSeconds() {
+    static const long seconds = [] {
+        bool ok = false;
+        const int given = qEnvironmentVariableIntValue("FOLDERSYNC_HTTP_TIMEOUT", &ok);
+        return ok && given > 0 ? long(given) : kStallSeconds;
+    }();
+    return seconds;
+}
 
 void InitialiseOnce() {
     static std::once_flag once;
@@ -148,6 +160,17 @@ DavResponse WebDavConnection::Perform(const Request& request) {
     TransferState state;
     state.request = &request;
     state.shouldStop = &_shouldStop;
+    int pauseLeft = 0;
+    const int refusal = _pause ? _pause->Refusal(&pauseLeft) : 0;
+    if (refusal != 0) {
+        // The server asked for a pause: asking again before it ends would only prolong it.
+        state.response.status = refusal;
+        state.response.error = QStringLiteral("%1 asked for a pause (%2); not sent, %3 s left")
+                                   .arg(QUrl::fromEncoded(request.url).host())
+                                   .arg(refusal)
+                                   .arg(pauseLeft);
+        return state.response;
+    }
     CURL* curl = static_cast<CURL*>(_curl);
     if (!curl) {
         state.response.status = sync::http::ServiceUnavailable;
@@ -162,9 +185,10 @@ DavResponse WebDavConnection::Perform(const Request& request) {
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, 0L);
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT,
+                     std::min(kConnectTimeoutSeconds, StallSeconds()));
     curl_easy_setopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    curl_easy_setopt(curl, CURLOPT_LOW_SPEED_TIME, StallSeconds());
     curl_easy_setopt(curl, CURLOPT_BUFFERSIZE, kReceiveBufferBytes);
     curl_easy_setopt(curl, CURLOPT_UPLOAD_BUFFERSIZE, kSendBufferBytes);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -216,7 +240,10 @@ DavResponse WebDavConnection::Perform(const Request& request) {
     curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, nullptr);
 
     DavResponse& r = state.response;
-    if (code == CURLE_OK) return r;
+    if (code == CURLE_OK) {
+        if (_pause) _pause->Note(r.status, r.retryAfter);
+        return r;
+    }
     const QString host = QUrl::fromEncoded(request.url).host();
     const QString detail =
         QString::fromUtf8(errorText[0] ? errorText : curl_easy_strerror(code)).trimmed();

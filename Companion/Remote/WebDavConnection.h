@@ -10,6 +10,8 @@
 namespace sync {
 namespace remote {
 
+class ServerPause;
+
 // What one request brought back. status is the HTTP status of the final answer, or, when no
 // answer came, a status that says why (see WebDavConnection::Perform).
 struct DavResponse {
@@ -34,6 +36,9 @@ struct DavResponse {
 
 // One libcurl easy handle of one account, reused across requests so that the connection (and
 // its TLS session) stays open between them. Not thread-safe: one backend object, one thread.
+//
+// A request that moves no byte for two minutes is given up (503); the environment variable
+// FOLDERSYNC_HTTP_TIMEOUT sets that limit in seconds instead (for tests of slow servers).
 //
 // Certificates are always verified, against caFile when one is given, else against the
 // system's trust store. Credentials travel only in the Authorization header (Basic, sent only
@@ -67,6 +72,9 @@ public:
     WebDavConnection& operator=(const WebDavConnection&) = delete;
 
     void SetStopCheck(std::function<bool()> shouldStop) { _shouldStop = std::move(shouldStop); }
+    // The account's pause: answers that ask for one start it, and while it lasts no request is
+    // sent (each answers the status that asked for it, with error set).
+    void SetPause(std::shared_ptr<ServerPause> pause) { _pause = std::move(pause); }
 
     // Transport failures answer as a gateway would: 503 when the server cannot be reached
     // (refused, unresolved, timed out), 502 when the connection broke during the answer or the
@@ -85,6 +93,7 @@ private:
     QByteArray _password;
     QByteArray _caFile;
     std::function<bool()> _shouldStop;
+    std::shared_ptr<ServerPause> _pause;
 };
 
 }  // namespace remote

@@ -9,9 +9,6 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QHash>
-#include <QMap>
-#include <QThread>
 #include <QUrl>
 #include <algorithm>
 #include <cerrno>
@@ -48,8 +45,6 @@ constexpr int kBadGateway = sync::http::BadGateway;
 constexpr std::size_t kCompareBlockBytes = std::size_t(1) << 20;
 constexpr qint64 kExpectContinueBytes = qint64(1) << 20;
 constexpr std::size_t kListingBlock = 8192;
-// How long after reading a weak tag its file's tag is strong again, with a margin.
-constexpr qint64 kWeakTagMilliseconds = 1100;
 
 template <typename Record>
 QString ShownPath(const Record& r) {
@@ -65,6 +60,11 @@ bool IsWeak(const QString& tag) {
 // second, so the same version shows both ways.
 bool SameTag(const QString& a, const QString& b) {
     return (IsWeak(a) ? a.mid(2) : a) == (IsWeak(b) ? b.mid(2) : b);
+}
+
+// The version a tag names, as records and listings carry it.
+QString VersionOf(const QString& tag) {
+    return IsWeak(tag) ? tag.mid(2) : tag;
 }
 
 // The server grants everything it does not refuse; the text says so as the local-folder
@@ -94,6 +94,11 @@ WebDavServer::WebDavServer(const sync::config::ServerConfiguration& account,
     _baseUrl = base.toString(QUrl::FullyEncoded);
     _connection.reset(
         new WebDavConnection(account.userName, password, account.settings.value("caFile")));
+    _connection->SetPause(std::make_shared<ServerPause>());
+}
+
+void WebDavServer::SetServerPause(std::shared_ptr<ServerPause> pause) {
+    _connection->SetPause(pause ? std::move(pause) : std::make_shared<ServerPause>());
 }
 
 WebDavServer::~WebDavServer() = default;
@@ -228,7 +233,13 @@ WebDavServer::RemoteState WebDavServer::_StatOnce(const QString& serverPath) {
     if (r.status == sync::http::NotFound && r.error.isEmpty()) {
         state.status = sync::http::NotFound;
     } else if (!r.Ok() || r.aborted) {
-        state.status = r.status != 0 && !r.Ok() ? r.status : kBadGateway;
+        // A 207 that the parser refused part way is broken off like any cut answer: its status
+        // of success must not stand for the failure.
+        const bool success = r.status >= 200 && r.status < 300;
+        state.status = r.status != 0 && !success ? r.status : kBadGateway;
+        if (success && !parser.Error().isEmpty())
+            _lastError = QStringLiteral("PROPFIND %1: %2")
+                             .arg(WebDavConnection::Shown(request.url), parser.Error());
     } else if (r.status != 207 || !parser.Finish() || !seen) {
         _lastError =
             QStringLiteral("PROPFIND %1: %2")
@@ -332,7 +343,7 @@ int WebDavServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
             // Shared with serverPath when the path is the id: a listing keeps 100,000 of them.
             f.serverFileId =
                 e.id.isEmpty() && f.serverPath == serverPath ? f.serverPath : _IdOf(e, serverPath);
-            if (!e.etag.isEmpty()) f.properties.insert(kVersionId, e.etag);
+            if (!e.etag.isEmpty()) f.properties.insert(kVersionId, VersionOf(e.etag));
             f.privilegeInfo = FullPrivilegeInfo();
             f.lastModified = f.serverModified = e.modified;
             if (foundFiles.empty() || foundFiles.back().size() == kListingBlock) {
@@ -404,7 +415,14 @@ int WebDavServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
         }
     }
     if (status != 0) return status;
-    if (!rootSeen || !rootIsFolder) return sync::http::NotFound;
+    if (!rootSeen) {
+        // An answer that leaves out the folder asked about says nothing about it, least of all
+        // that it is missing: a root taken for missing is created and filled again.
+        _lastError = QStringLiteral("the listing of %1 does not name it").arg(rootPath);
+        SYNC_LOG_WARN("%1", _lastError);
+        return kBadGateway;
+    }
+    if (!rootIsFolder) return sync::http::NotFound;
     if (folders) *folders += foundFolders;
     if (files) {
         files->reserve(files->size() + fileCount);
@@ -685,7 +703,7 @@ void SetServerFields(File& f, const QString& id, const QString& etag, const QDat
     if (etag.isEmpty())
         f.properties.remove(kVersionId);
     else
-        f.properties.insert(kVersionId, etag);
+        f.properties.insert(kVersionId, VersionOf(etag));
     f.privileges = File().privileges;
     f.privilegeInfo = FullPrivilegeInfo();
     f.serverModified = modified;
@@ -693,59 +711,9 @@ void SetServerFields(File& f, const QString& id, const QString& etag, const QDat
 
 }  // namespace
 
-void WebDavServer::_FirmUpTags(const QList<File*>& records) {
-    QMap<QString, QList<File*>> weakByFolder;
-    for (File* f : records)
-        if (IsWeak(f->properties.value(kVersionId))) {
-            const QString path = Normalized(f->serverPath);
-            weakByFolder[path.left(path.lastIndexOf(QLatin1Char('/')))] << f;
-        }
-    if (weakByFolder.isEmpty() || _tagsStayWeak) return;
-    // Apache marks a tag weak while the file's modification lies within the current second;
-    // the tags above were read at the latest now.
-    const qint64 wait = _lastWeakTag.isValid() ? kWeakTagMilliseconds - _lastWeakTag.elapsed() : 0;
-    if (wait > 0) {
-        if (_exitChecker && _exitChecker->ShouldExit()) return;
-        QThread::msleep(static_cast<unsigned long>(wait));
-    }
-    int firmed = 0, stillWeak = 0;
-    for (auto folder = weakByFolder.cbegin(); folder != weakByFolder.cend(); ++folder) {
-        QHash<QString, DavEntry> now;
-        MultistatusParser parser([&](DavEntry& e) {
-            now.insert(_ServerPathOf(e.path), e);
-            return true;
-        });
-        WebDavConnection::Request request;
-        request.method = "PROPFIND";
-        request.url = _Url(folder.key(), true);
-        request.headers = {"Depth: 1"};
-        request.body = PropfindBody(_resourceIds != 0);
-        request.sink = [&](const char* data, std::size_t size) { return parser.Feed(data, size); };
-        const DavResponse r = _connection->Perform(request);
-        _Note(r, request.method, request.url);
-        if (!r.Ok() || !parser.Finish()) continue;
-        for (File* f : folder.value()) {
-            const auto found = now.constFind(Normalized(f->serverPath));
-            // Only the same version: one written by someone else meanwhile is not ours to claim.
-            if (found == now.constEnd() || !SameTag(found->etag, f->properties.value(kVersionId)))
-                continue;
-            if (IsWeak(found->etag)) {
-                ++stillWeak;
-                continue;
-            }
-            ++firmed;
-            f->properties.insert(kVersionId, found->etag);
-            _StoreRecord(*f);
-        }
-    }
-    // A server whose tags are weak for good gains nothing from waiting again.
-    if (firmed == 0 && stillWeak > 0) _tagsStayWeak = true;
-}
-
 Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
                                   QList<File>& files) {
     Results r;
-    QList<File*> settled;
     std::vector<UploadedFile> uploaded;
     for (File& f : files) {
         int status = 0;
@@ -753,7 +721,6 @@ Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, cons
         struct stat read;
         if (_Upload(f, status, &read)) {
             uploaded.emplace_back(&f, read);
-            settled << &f;
             r.CountDone(Results::FileServerCreation, ShownPath(f));
             continue;
         }
@@ -766,7 +733,6 @@ Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, cons
     }
     SettleTimesOfRecentFiles(uploaded);
     for (const UploadedFile& file : uploaded) _StoreRecord(*file.first);
-    _FirmUpTags(settled);
     return r;
 }
 
@@ -787,7 +753,6 @@ bool WebDavServer::_Upload(File& f, int& status, struct stat* read) {
     };
     const auto settle = [&](const DavEntry& entry, const QString& hash) {
         SetServerFields(f, _IdOf(entry, serverPath), entry.etag, entry.modified);
-        if (IsWeak(entry.etag)) _lastWeakTag.start();
         f.size = size;
         f.lastModified = WholeSecondsOf(before);
         if (read) *read = before;
@@ -870,15 +835,26 @@ bool WebDavServer::_Upload(File& f, int& status, struct stat* read) {
             (!synchronised.isEmpty() && !SameTag(synchronised, current))) {
             const QString name = serverPath.mid(serverPath.lastIndexOf(QLatin1Char('/')) + 1);
             const QString folder = serverPath.left(serverPath.lastIndexOf(QLatin1Char('/')));
-            const QDateTime now = QDateTime::currentDateTime();
+            // Named after the version's time, not the moment: a run that dies after keeping
+            // the copy and before the upload finds it again under the same name and keeps it
+            // only once.
+            const QDateTime when = server.entry.modified.isValid()
+                                       ? server.entry.modified.toLocalTime()
+                                       : QDateTime::currentDateTime();
             int copyStatus = 0;
             for (int attempt = 0; attempt < 5; ++attempt) {
                 const QString copy =
-                    folder + QLatin1Char('/') + ConflictCopyName(name, now, attempt + 1);
+                    folder + QLatin1Char('/') + ConflictCopyName(name, when, attempt + 1);
                 const DavResponse r =
                     _Perform("COPY", _Url(serverPath),
                              {"Destination: " + _Url(copy), "Overwrite: F", "Depth: 0"});
                 copyStatus = r.Ok() ? 0 : r.status;
+                if (copyStatus == sync::http::PreconditionFailed &&
+                    _HoldsTheSameBytes(copy, serverPath, server.entry.size)) {
+                    SYNC_LOG_INFO("Server version of %1 is kept as %2 already", serverPath, copy);
+                    copyStatus = 0;
+                    break;
+                }
                 if (copyStatus != sync::http::PreconditionFailed) {
                     if (copyStatus == 0)
                         SYNC_LOG_INFO("Server version of %1 kept as %2", serverPath, copy);
@@ -968,7 +944,6 @@ bool WebDavServer::_Upload(File& f, int& status, struct stat* read) {
 Results WebDavServer::DownloadFiles(const sync::config::ServerConfiguration&, const Folder& root,
                                     QList<sync::thread::SynchronizedFileConfiguration>& files) {
     Results r;
-    QList<File*> settled;
     for (sync::thread::SynchronizedFileConfiguration& pair : files) {
         File& record = pair.databaseRecord;
         const QString target =
@@ -977,7 +952,6 @@ Results WebDavServer::DownloadFiles(const sync::config::ServerConfiguration&, co
         _lastError.clear();
         if (_Download(pair, target, root, status)) {
             _StoreRecord(record);
-            settled << &record;
             r.CountDone(Results::FileLocalCreation, target);
             continue;
         }
@@ -987,7 +961,6 @@ Results WebDavServer::DownloadFiles(const sync::config::ServerConfiguration&, co
         _StoreRecord(record);
         r.CountFailure(Results::FileLocalCreation, target, status);
     }
-    _FirmUpTags(settled);
     return r;
 }
 
@@ -1109,7 +1082,6 @@ bool WebDavServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
     f.syncStatus = FileSynchronizationStatus::Synchronized;
     // The record now describes the file on the disk and the server version it came from.
     SetServerFields(record, id, etag, r.lastModified);
-    if (IsWeak(etag)) _lastWeakTag.start();
     record.serverChecksum = checksum;
     record.size = total;
     record.lastModified = WholeSecondsOf(written);
@@ -1117,7 +1089,32 @@ bool WebDavServer::_Download(sync::thread::SynchronizedFileConfiguration& pair,
     record.syncStatus = FileSynchronizationStatus::Synchronized;
     record.referencesOnly = 0;
     record.transferPending = false;
+    // No transfer is under way any more. A record still naming a download would read, once
+    // marked synchronising for a later task and left so by a run that died, as a download cut
+    // short: the next run drops such a record when the local file is gone, and brings back a
+    // file the user deleted.
+    record.transferDirection = sync::config::TransferNone;
     return true;
+}
+
+bool WebDavServer::_HoldsTheSameBytes(const QString& copy, const QString& original, qint64 size) {
+    const RemoteState state = _Stat(copy);
+    if (state.status != 0 || state.entry.collection || state.entry.size != size) return false;
+    const auto hashOf = [this](const QString& serverPath) {
+        sync::core::Sha256 hash;
+        WebDavConnection::Request request;
+        request.method = "GET";
+        request.url = _Url(serverPath);
+        request.sink = [&hash](const char* data, std::size_t length) {
+            hash.Add(data, length);
+            return true;
+        };
+        const DavResponse r = _connection->Perform(request);
+        _Note(r, request.method, request.url);
+        return r.Ok() ? hash.HexResult() : QString();
+    };
+    const QString kept = hashOf(copy);
+    return !kept.isEmpty() && kept == hashOf(original);
 }
 
 // 0 when the file is gone afterwards; else the status.
@@ -1125,20 +1122,38 @@ int WebDavServer::_Delete(const File& f) {
     const QString serverPath = Normalized(f.serverPath);
     if (serverPath.isEmpty()) return sync::http::Conflict;
     const QString recorded = f.properties.value(kVersionId);
-    QString precondition = recorded;
-    if (recorded.isEmpty() || IsWeak(recorded)) {
-        // No tag to send: look first, so that neither a folder nor a changed file goes.
+    QString precondition;  // the tag to send
+    // Asks the server; the status that settles the deletion, or -1 to go on.
+    const auto look = [&]() -> int {
         const RemoteState state = _Stat(serverPath);
         if (state.status == sync::http::NotFound) return 0;
         if (state.status != 0) return state.status;
         if (state.entry.collection) return sync::http::Conflict;
         if (!recorded.isEmpty() && !SameTag(recorded, state.entry.etag))
             return sync::http::PreconditionFailed;
+        // A weak tag never matches; it was compared just now instead.
         precondition = IsWeak(state.entry.etag) ? QString() : state.entry.etag;
+        return -1;
+    };
+    const auto remove = [&] {
+        QList<QByteArray> headers;
+        if (!precondition.isEmpty()) headers << "If-Match: " + precondition.toUtf8();
+        return _Perform("DELETE", _Url(serverPath), headers);
+    };
+    bool looked = false;
+    if (recorded.isEmpty() || IsWeak(recorded)) {
+        // No tag to send: look first, so that neither a folder nor a changed file goes.
+        looked = true;
+        if (const int settled = look(); settled >= 0) return settled;
+    } else {
+        precondition = recorded;
     }
-    QList<QByteArray> headers;
-    if (!precondition.isEmpty()) headers << "If-Match: " + precondition.toUtf8();
-    const DavResponse r = _Perform("DELETE", _Url(serverPath), headers);
+    DavResponse r = remove();
+    if (r.status == sync::http::PreconditionFailed && !looked) {
+        // The recorded version may be the server's, its tag marked weak for the moment.
+        if (const int settled = look(); settled >= 0) return settled;
+        r = remove();
+    }
     if (r.Ok() || (r.status == sync::http::NotFound && r.error.isEmpty())) return 0;
     if (r.status == sync::http::BadRequest && r.error.isEmpty() && _ThroughFile(serverPath))
         return 0;

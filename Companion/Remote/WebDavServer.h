@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <QByteArray>
-#include <QElapsedTimer>
 #include <QSet>
 #include <QString>
 #include <memory>
@@ -23,9 +22,11 @@ struct DavResponse;
 //
 // Listings come from PROPFIND with Depth: infinity, or from a walk with Depth: 1 where the
 // server refuses that. A record's serverFileId is the server's DAV:resource-id when it has one,
-// else the decoded server path; its "versionId" is the ETag exactly as the server sent it. A
-// transfer records the tag a listing will show: one the server marked weak only for the moment
-// is read again once it is strong (see _FirmUpTags).
+// else the decoded server path; its "versionId" is the ETag without the weak marker: Apache
+// marks a file's tag weak for the second after each write and strong later, and the same
+// version must read the same in a listing and in a record stored at any moment (also by a run
+// that never got further). Whether a tag is weak right now is asked of the server when it
+// matters, for a precondition.
 // Records carry no checksum (plain WebDAV has none) and the default privileges.
 //
 // Transfers stream: an upload is read from the file while it is sent and a download written to
@@ -37,7 +38,8 @@ struct DavResponse;
 //
 // Failures carry the HTTP status; failures without an answer carry the status a gateway would
 // give (503 unreachable, 502 connection cut or answer malformed) and 495 for a server
-// certificate that is not trusted.
+// certificate that is not trusted. After a 429, or a 503 with Retry-After, nothing is sent until
+// the pause is over: requests fail at once with that status (see ServerPause).
 class WebDavServer : public RemoteBackend, public std::enable_shared_from_this<WebDavServer> {
 public:
     using Folder = sync::config::FolderConfiguration;
@@ -57,6 +59,7 @@ public:
     void SetProgressListener(ProgressListener listener) override {
         _progress = std::move(listener);
     }
+    void SetServerPause(std::shared_ptr<ServerPause> pause) override;
 
     // Throw HttpException(401) for an account other than the one served.
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
@@ -132,13 +135,10 @@ private:
     // Whether the folder of serverPath holds another entry whose name differs only in case;
     // true when it cannot be listed.
     bool _OtherSpellingExists(const QString& serverPath);
+    // Whether the file at copy holds the bytes of the one at original, of the size given.
+    bool _HoldsTheSameBytes(const QString& copy, const QString& original, qint64 size);
     int _MakeFolder(const QString& serverPath);
     void _StoreRecord(File& record);
-    // A tag the server marked weak only because the file changed within the current second
-    // turns strong a moment later, and the next listing shows the strong one: a record keeping
-    // the weak one would read as a server change. Reads such tags again once that has happened
-    // (one wait per batch, one request per folder) and stores the records again.
-    void _FirmUpTags(const QList<File*>& records);
     QString _IdOf(const DavEntry& entry, const QString& serverPath) const;
 
     QString _baseUrl;
@@ -151,9 +151,6 @@ private:
     bool _stopRequested = false;
     // Whether the server has DAV:resource-id: -1 not known yet, 0 no, 1 yes.
     int _resourceIds = -1;
-    // Since the last weak tag was read; invalid while none was.
-    QElapsedTimer _lastWeakTag;
-    bool _tagsStayWeak = false;
     int _retryAfter = -1;
     QString _lastError;
 };
