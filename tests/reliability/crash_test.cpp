@@ -25,6 +25,7 @@
 #include <random>
 
 #include "KillableSyncMachine.h"
+#include "SanitizedBuild.h"
 #include "SelfCheckingContent.h"
 #include "TreeCensus.h"
 
@@ -56,6 +57,9 @@ bool LongRun() {
 
 Scale CurrentScale() {
     Scale scale = LongRun() ? Scale{6000, 16, 100, 40} : Scale{1500, 6, 30, 15};
+    // Under AddressSanitizer a third of the kills on a smaller tree; the other builds try
+    // the full number of kill points.
+    if (sync::test::kSanitizedBuild && !LongRun()) scale = Scale{600, 3, 10, 5};
     // 0 gives a control run: the same rounds without a kill.
     if (qEnvironmentVariableIsSet("SYNC_RELIABILITY_KILLS"))
         scale.firstKills = scale.laterKills =

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "RandomSequence.h"
+#include "SanitizedBuild.h"
 
 namespace {
 
@@ -25,19 +26,8 @@ using sync::test::DavSite;
 using sync::test::RandomSequence;
 using Kind = RandomSequence::Kind;
 
-// Under AddressSanitizer every run of the program costs several times as much: fewer
-// sequences by default there.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr int kSanitizedShare = 8;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr int kSanitizedShare = 8;
-#else
-constexpr int kSanitizedShare = 1;
-#endif
-#else
-constexpr int kSanitizedShare = 1;
-#endif
+// A share of the sequences under AddressSanitizer.
+constexpr int kSanitizedShare = sync::test::kSanitizedBuild ? 8 : 1;
 
 int EnvironmentNumber(const char* name, int fallback) {
     bool ok = false;
