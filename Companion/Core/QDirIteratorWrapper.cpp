@@ -29,8 +29,15 @@ bool Vanished(int error) {
     return error == ENOENT || error == ENOTDIR;
 }
 
+// One allocation of the exact size: every entry's path is joined, and the tree keeps it.
 QString Join(const QString& folder, const QString& name) {
-    return folder.endsWith(QLatin1Char('/')) ? folder + name : folder + QLatin1Char('/') + name;
+    const bool slash = !folder.endsWith(QLatin1Char('/'));
+    QString path;
+    path.reserve(folder.size() + (slash ? 1 : 0) + name.size());
+    path.append(folder);
+    if (slash) path.append(QLatin1Char('/'));
+    path.append(name);
+    return path;
 }
 
 // Length of the well-formed UTF-8 sequence at s, 0 when there is none: no overlong forms, no

@@ -166,9 +166,11 @@ std::shared_ptr<ConfigDatabase> ConfigDatabase::Open(const QString& path, Mode m
     auto impl = std::make_unique<Impl>(path, std::move(db), readOnly, DefaultBusyTimeoutMs);
     Refuse(*impl, ReadFacts(*impl), readOnly);
 
-    // Reading the records of a large root walks tens of megabytes; a larger cache keeps a
-    // cycle's pages between its passes.
-    impl->Exec("PRAGMA cache_size = -16384");
+    // Reading the records of a large root walks tens of megabytes, more than any cache worth
+    // its memory holds: the scan reads through it either way, and the pages come back from the
+    // system's file cache. A small cache keeps the upper levels of the tables and indexes,
+    // which is what lookups and updates by id or path need.
+    impl->Exec("PRAGMA cache_size = -2048");
     if (!readOnly) {
         Migrate(*impl);
         UseWal(*impl);

@@ -1,8 +1,10 @@
 #include "FileConfigManager.h"
 
 #include "ConfigDatabaseImpl.h"
+#include "EntryInfoTree.h"
 
 using sync::config::FileConfiguration;
+using sync::syncService::EntryInfoTree;
 
 namespace sync {
 namespace database {
@@ -52,13 +54,21 @@ FileConfiguration ReadFile(const Query& q) {
     return f;
 }
 
-// Records are filled in place: a populated record is expensive to copy.
+// Records are filled in place: a populated record is expensive to copy. During a planning pass
+// each record gives up its copies of the texts the trees already built hold, as soon as it is
+// read: the next record's texts then reuse that memory, and the 100,000 records of a large root
+// never hold a second copy of their paths all at once.
 QVector<FileConfiguration> ReadAll(Query& q, int expected = 0) {
     QVector<FileConfiguration> files;
     files.reserve(expected);
     while (q.Step()) {
         files.append(FileConfiguration());
-        RecordCodec::ReadFile(q, files.last());
+        FileConfiguration& file = files.last();
+        RecordCodec::ReadFile(q, file);
+        if (EntryInfoTree::TextSource::Active()) {
+            QString key = EntryInfoTree::KeyOf(file.serverPath);
+            EntryInfoTree::ShareTexts(key, file);
+        }
     }
     return files;
 }

@@ -7,7 +7,9 @@
 #include <QStringList>
 #include <QVector>
 #include <QtGlobal>
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include "FileConfiguration.h"
 #include "FolderConfiguration.h"
@@ -114,6 +116,61 @@ public:
         return clash;
     }
 
+    // The trees of one pass name the same 100,000 paths. While a TextSource lives on a thread,
+    // the retrievers and the database reads running there give each record the string that an
+    // earlier tree holds for an equal text (ShareTexts), as the record is made: one copy of
+    // each text lives instead of three, and the copy read is freed before the next record is
+    // read. Only equal texts are exchanged: a record reads exactly as before, whichever tree,
+    // if any, is the source. The newest tree added is asked first.
+    class TextSource {
+    public:
+        explicit TextSource(std::shared_ptr<const EntryInfoTree> tree) : _outer(Current()) {
+            Current() = this;
+            Add(std::move(tree));
+        }
+        ~TextSource() { Current() = _outer; }
+        TextSource(const TextSource&) = delete;
+        TextSource& operator=(const TextSource&) = delete;
+
+        // Whether records read on this thread have a source to share with.
+        static bool Active() { return Current() != nullptr; }
+
+        void Add(std::shared_ptr<const EntryInfoTree> tree) {
+            if (tree) _trees.insert(_trees.begin(), std::move(tree));
+        }
+
+    private:
+        friend class EntryInfoTree;
+        static TextSource*& Current() {
+            thread_local TextSource* current = nullptr;
+            return current;
+        }
+        template <typename Record>
+        static const QHash<QString, Record>& MapOf(const EntryInfoTree& tree);
+
+        TextSource* _outer;
+        // Not owned: a tree its owner lets go of is freed as it would be without the source.
+        std::vector<std::weak_ptr<const EntryInfoTree>> _trees;
+    };
+
+    // Makes the key and the texts of a record about to be put the strings of the same entry in
+    // the current TextSource's trees where they are equal; nothing without a TextSource.
+    template <typename Record>
+    static void ShareTexts(QString& key, Record& record) {
+        const TextSource* source = TextSource::Current();
+        if (!source) return;
+        for (const auto& weak : source->_trees) {
+            const auto tree = weak.lock();
+            if (!tree) continue;
+            const auto& map = TextSource::MapOf<Record>(*tree);
+            const auto same = map.constFind(key);
+            if (same == map.constEnd()) continue;
+            key = same.key();
+            record.ShareTextsWith(*same);
+            return;
+        }
+    }
+
     QHash<QString, sync::config::FolderConfiguration> folderMap;
     QHash<QString, sync::config::FileConfiguration> fileMap;
 
@@ -129,6 +186,18 @@ public:
     QSet<QString> clashingFolderKeys;
     QSet<QString> clashingFileKeys;
 };
+
+template <>
+inline const QHash<QString, sync::config::FileConfiguration>&
+EntryInfoTree::TextSource::MapOf<sync::config::FileConfiguration>(const EntryInfoTree& tree) {
+    return tree.fileMap;
+}
+
+template <>
+inline const QHash<QString, sync::config::FolderConfiguration>&
+EntryInfoTree::TextSource::MapOf<sync::config::FolderConfiguration>(const EntryInfoTree& tree) {
+    return tree.folderMap;
+}
 
 }  // namespace syncService
 }  // namespace sync

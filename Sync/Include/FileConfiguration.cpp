@@ -3,6 +3,17 @@
 namespace sync {
 namespace config {
 
+namespace {
+
+// Assigning an equal value keeps the text but drops this record's own copy of it.
+template <typename Value>
+void ShareText(Value& mine, const Value& theirs) {
+    if (mine.isSharedWith(theirs) || mine.isEmpty() || mine != theirs) return;
+    mine = theirs;
+}
+
+}  // namespace
+
 void FileConfiguration::_CopyMembers(const FileConfiguration& o) {
     id = o.id;
     folderId = o.folderId;
@@ -32,6 +43,18 @@ void FileConfiguration::_CopyMembers(const FileConfiguration& o) {
     referencesOnly = o.referencesOnly;
     transferPending = o.transferPending;
     syncStatusSet = o.syncStatusSet;
+}
+
+void FileConfiguration::ShareTextsWith(const FileConfiguration& o) {
+    ShareText(name, o.name);
+    ShareText(localPath, o.localPath);
+    ShareText(serverPath, o.serverPath);
+    ShareText(checksum, o.checksum);
+    ShareText(contentType, o.contentType);
+    ShareText(privilegeInfo, o.privilegeInfo);
+    ShareText(serverFileId, o.serverFileId);
+    ShareText(serverChecksum, o.serverChecksum);
+    ShareText(properties, o.properties);
 }
 
 bool FileConfiguration::operator==(const FileConfiguration& o) const {

@@ -31,6 +31,10 @@ public:
     bool operator==(const FileConfiguration& o) const;
     bool operator!=(const FileConfiguration& o) const { return !(*this == o); }
 
+    // Takes other's string for each text that is equal here, so that both records share one
+    // copy; every field reads exactly as before.
+    void ShareTextsWith(const FileConfiguration& other);
+
     // Declared widest first, so that the small fields pack together without padding.
     QString name;
     QString localPath;

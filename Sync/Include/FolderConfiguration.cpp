@@ -3,6 +3,17 @@
 namespace sync {
 namespace config {
 
+namespace {
+
+// Assigning an equal value keeps the text but drops this record's own copy of it.
+template <typename Value>
+void ShareText(Value& mine, const Value& theirs) {
+    if (mine.isSharedWith(theirs) || mine.isEmpty() || mine != theirs) return;
+    mine = theirs;
+}
+
+}  // namespace
+
 FolderConfiguration::FolderConfiguration() : QObject(nullptr) {}
 
 FolderConfiguration::FolderConfiguration(const FolderConfiguration& other) : QObject(nullptr) {
@@ -41,6 +52,18 @@ void FolderConfiguration::_CopyMembers(const FolderConfiguration& o) {
     lastServerSyncRequestTime = o.lastServerSyncRequestTime;
     syncStatus = o.syncStatus;
     userFlag = o.userFlag;
+}
+
+void FolderConfiguration::ShareTextsWith(const FolderConfiguration& o) {
+    ShareText(name, o.name);
+    ShareText(serverAttribute, o.serverAttribute);
+    ShareText(path, o.path);
+    ShareText(localPath, o.localPath);
+    ShareText(serverPath, o.serverPath);
+    ShareText(privilegeInfo, o.privilegeInfo);
+    ShareText(serverRootPath, o.serverRootPath);
+    ShareText(serverFolderId, o.serverFolderId);
+    ShareText(properties, o.properties);
 }
 
 bool FolderConfiguration::operator==(const FolderConfiguration& o) const {

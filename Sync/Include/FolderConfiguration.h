@@ -38,6 +38,10 @@ public:
     bool operator==(const FolderConfiguration& o) const;
     bool operator!=(const FolderConfiguration& o) const { return !(*this == o); }
 
+    // Takes other's string for each text that is equal here, so that both records share one
+    // copy; every field reads exactly as before.
+    void ShareTextsWith(const FolderConfiguration& other);
+
     int id = -1;
     int authenticationId = -1;
     int rootId = -1;

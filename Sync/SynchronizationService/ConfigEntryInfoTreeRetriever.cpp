@@ -28,13 +28,18 @@ std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
     // Sized up front: growing a hash of 100,000 records rehashes and copies them repeatedly.
     tree->folderMap.reserve(folders.size());
     tree->fileMap.reserve(files.size());
-    for (const FolderConfiguration& folder : folders)
-        tree->folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+    for (const FolderConfiguration& folder : folders) {
+        QString key = EntryInfoTree::KeyOf(folder.serverPath);
+        FolderConfiguration record(folder);
+        EntryInfoTree::ShareTexts(key, record);
+        tree->folderMap.insert(key, record);
+    }
     // The records move into the tree: the query result is not needed afterwards.
     QVector<ReplacedFile> replaced;
     int duplicates = 0;
     EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
-        const QString key = EntryInfoTree::KeyOf(file.serverPath);
+        QString key = EntryInfoTree::KeyOf(file.serverPath);
+        EntryInfoTree::ShareTexts(key, file);
         const auto existing = tree->fileMap.find(key);
         if (existing == tree->fileMap.end()) {
             EntryInfoTree::Put(tree->fileMap, key, std::move(file));

@@ -38,7 +38,7 @@ public:
 private:
     bool _RootFolderAppearsMissing(const sync::config::FolderConfiguration& root,
                                    const std::shared_ptr<sync::interf::IQDirWrapper>& dirWrapper);
-    bool _FilterFile(const QString& rootLocalPath, const QString& filePath, qint64 size);
+    bool _FilterFile(const QString& filePath, const QString& pathBelowRoot, qint64 size);
     bool _FilterFolder(const QString& rootLocalPath, const QString& folderPath);
     bool _FilterFileNameByMaxLength(const sync::config::FileConfiguration& file);
     bool _FilterFolderNameByMaxLength(const sync::config::FolderConfiguration& folder);

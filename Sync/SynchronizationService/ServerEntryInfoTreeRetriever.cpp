@@ -121,13 +121,14 @@ bool ServerEntryInfoTreeRetriever::_AddFiles(QVector<FileConfiguration>& files, 
     // The listing is ours and dies here: its records move into the tree.
     return EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
         if (checkForExit.ShouldExit()) return false;
-        const QString key = EntryInfoTree::KeyOf(file.serverPath);
+        QString key = EntryInfoTree::KeyOf(file.serverPath);
         if (_FilterFile(file) || _FilterFileNameByMaxLength(file)) {
             ++filteredCount;
             tree.excludedFileKeys.insert(key);
             SYNC_LOG_DEBUG("Filtered out server file %1", file.serverPath);
             return true;
         }
+        EntryInfoTree::ShareTexts(key, file);
         const QStringList clash =
             tree.PutWalked(tree.fileMap, tree.excludedFileKeys, tree.clashingFileKeys, key,
                            std::move(file), &FileConfiguration::serverPath);
@@ -143,7 +144,7 @@ bool ServerEntryInfoTreeRetriever::_AddFolders(const QVector<FolderConfiguration
                                                int& filteredCount) {
     for (const FolderConfiguration& folder : folders) {
         if (checkForExit.ShouldExit()) return false;
-        const QString key = EntryInfoTree::KeyOf(folder.serverPath);
+        QString key = EntryInfoTree::KeyOf(folder.serverPath);
         // A folder left out keeps its content out of planning too (each file is still judged
         // on its own by the filters).
         if (_FilterFolder(folder.serverPath) || _FilterFolderNameByMaxLength(folder)) {
@@ -152,9 +153,11 @@ bool ServerEntryInfoTreeRetriever::_AddFolders(const QVector<FolderConfiguration
             SYNC_LOG_DEBUG("Filtered out server folder %1", folder.serverPath);
             continue;
         }
+        FolderConfiguration record(folder);
+        EntryInfoTree::ShareTexts(key, record);
         const QStringList clash =
             tree.PutWalked(tree.folderMap, tree.excludedFolderKeys, tree.clashingFolderKeys, key,
-                           FolderConfiguration(folder), &FolderConfiguration::serverPath);
+                           std::move(record), &FolderConfiguration::serverPath);
         filteredCount += clash.size();
         _ReportClash(clash, /*folders=*/true);
     }

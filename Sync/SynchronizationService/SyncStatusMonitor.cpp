@@ -51,8 +51,33 @@ QString Walker::GetParentFolder(const QString& path) {
     return path;
 }
 
+namespace {
+
+// Qt folds every character through the Unicode tables and copies the text even when only a
+// letter or two change; the monitor folds several paths per report. Between ASCII characters
+// folding is lowering A-Z, so only other texts go to Qt.
+QString FoldCase(QString text) {
+    const QChar* chars = text.constData();
+    const qsizetype length = text.size();
+    qsizetype firstUpper = -1;
+    for (qsizetype i = 0; i < length; ++i) {
+        const char16_t c = chars[i].unicode();
+        if (c >= 0x80) return text.toCaseFolded();
+        if (firstUpper < 0 && c >= 'A' && c <= 'Z') firstUpper = i;
+    }
+    if (firstUpper < 0) return text;
+    QChar* out = text.data();
+    for (qsizetype i = firstUpper; i < length; ++i) {
+        const char16_t c = out[i].unicode();
+        if (c >= 'A' && c <= 'Z') out[i] = QChar(c + ('a' - 'A'));
+    }
+    return text;
+}
+
+}  // namespace
+
 QString PathKey(const QString& path) {
-    QString key = QDir::cleanPath(path).toCaseFolded();
+    QString key = FoldCase(QDir::cleanPath(path));
     // Only "/" keeps its '/' after cleaning; as a folder it is the empty prefix of every
     // absolute path, the way FolderUtilities::IsParent sees it.
     if (key.endsWith(QLatin1Char('/'))) key.chop(1);
@@ -211,6 +236,7 @@ void SyncStatusMonitor::_ClearTasks() {
     _fileByKey.clear();
     _folderByKey.clear();
     _storedFolderStatus.clear();
+    _folderLinks.clear();
 }
 
 void SyncStatusMonitor::_BuildIndex() {
@@ -292,6 +318,15 @@ void SyncStatusMonitor::_SetFolderStatus(int index, FolderSynchronizationStatus 
     counted.status = value;
 }
 
+const SyncStatusMonitor::FolderLink& SyncStatusMonitor::_Link(const QString& path) {
+    const auto found = _folderLinks.constFind(path);
+    if (found != _folderLinks.constEnd()) return *found;
+    FolderLink link;
+    link.key = syncStatusMonitor::PathKey(path);
+    link.parent = syncStatusMonitor::Walker::GetParentFolder(path);
+    return *_folderLinks.insert(path, link);
+}
+
 void SyncStatusMonitor::_DecideFolderStatus(
     const QString& path, FolderSynchronizationStatus status,
     std::optional<sync::database::TransactionalScope>& scope) {
@@ -299,7 +334,9 @@ void SyncStatusMonitor::_DecideFolderStatus(
     QString current = QDir::cleanPath(path);
     FolderSynchronizationStatus reported = status;
     for (;;) {
-        const QString key = syncStatusMonitor::PathKey(current);
+        // Copied: the cache may grow, and move its entries, before this pass is done.
+        const FolderLink link = _Link(current);
+        const QString& key = link.key;
         if (!syncStatusMonitor::IsSameOrBelow(key, _rootKey)) return;
         const FolderSynchronizationStatus derived = _DetermineFolderStatusByAllSubFilesFolders(key);
         // A failed folder stays failed even when everything below it succeeded.
@@ -310,11 +347,10 @@ void SyncStatusMonitor::_DecideFolderStatus(
                 : derived;
         const auto folder = _folderByKey.constFind(key);
         if (folder != _folderByKey.constEnd()) _SetFolderStatus(*folder, decided);
-        _UpdateFolderConfig(current, decided, scope);
+        _UpdateFolderConfig(current, key, decided, scope);
         // Each folder above follows from its contents alone.
-        const QString parent = syncStatusMonitor::Walker::GetParentFolder(current);
-        if (parent == current) return;
-        current = parent;
+        if (link.parent == current) return;
+        current = link.parent;
         reported = FolderSynchronizationStatus::Synchronizing;
     }
 }
@@ -332,9 +368,8 @@ FolderSynchronizationStatus SyncStatusMonitor::_DetermineFolderStatusByAllSubFil
 }
 
 void SyncStatusMonitor::_UpdateFolderConfig(
-    const QString& path, FolderSynchronizationStatus status,
+    const QString& path, const QString& key, FolderSynchronizationStatus status,
     std::optional<sync::database::TransactionalScope>& scope) {
-    const QString key = syncStatusMonitor::PathKey(path);
     const auto known = _storedFolderStatus.constFind(key);
     if (known != _storedFolderStatus.constEnd() && *known == status) return;
     FolderConfiguration folder =

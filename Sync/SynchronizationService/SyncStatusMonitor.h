@@ -146,12 +146,21 @@ private:
     void _SetFileStatus(int index, sync::config::FileSynchronizationStatus status);
     void _SetFolderStatus(int index, sync::config::FolderSynchronizationStatus status);
 
+    // What a report needs of each folder on its way up, worked out once per folder: a
+    // depot's reports climb through the same few folders again and again.
+    struct FolderLink {
+        QString key;     // PathKey of the folder's path
+        QString parent;  // Walker::GetParentFolder of it
+    };
+    const FolderLink& _Link(const QString& cleanedPath);
+
     // Walks from path up to the root folder; opens scope at the first write.
     void _DecideFolderStatus(const QString& path, sync::config::FolderSynchronizationStatus status,
                              std::optional<sync::database::TransactionalScope>& scope);
     sync::config::FolderSynchronizationStatus _DetermineFolderStatusByAllSubFilesFolders(
         const QString& key) const;
-    void _UpdateFolderConfig(const QString& path, sync::config::FolderSynchronizationStatus status,
+    void _UpdateFolderConfig(const QString& path, const QString& key,
+                             sync::config::FolderSynchronizationStatus status,
                              std::optional<sync::database::TransactionalScope>& scope);
 
     sync::config::FolderConfiguration _rootFolder;
@@ -180,6 +189,8 @@ private:
     // the monitor writes the status of a folder it has not been told about; a folder reported
     // through UpdateFolder is read again, since its worker may have just written it.
     QHash<QString, sync::config::FolderSynchronizationStatus> _storedFolderStatus;
+    // By cleaned folder path.
+    QHash<QString, FolderLink> _folderLinks;
 };
 
 }  // namespace syncService

@@ -155,11 +155,13 @@ std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& r
     const TreePtr localTree = _localRetriever->GetEntryInfoTree(root);
     if (!localTree) return depot;
     if (checkForExit->ShouldExit()) return depot;
+    EntryInfoTree::TextSource texts(localTree);
     const TreePtr configTree = _configRetriever->GetEntryInfoTree(root);
     if (checkForExit->ShouldExit()) return depot;
     // Each tree gives up its copies of the texts the trees before it hold, before the next one
     // is built: the memory freed is reused by the next tree instead of adding to it.
     if (configTree) ShareStrings(*configTree, *localTree, /*serverFields=*/false);
+    texts.Add(configTree);
     const TreePtr serverTree = _serverRetriever->GetEntryInfoTree(root);
     const bool serverTreeModified = _serverRetriever->IsTreeModified();
     if (checkForExit->ShouldExit()) return depot;

@@ -10,11 +10,13 @@
 #include <QStringList>
 
 #include "DatabaseBackends.h"
+#include "EntryInfoTree.h"
 #include "RecordCodec.h"
 
 using sync::config::FileConfiguration;
 using sync::config::FolderConfiguration;
 using sync::database::RecordCodec;
+using sync::syncService::EntryInfoTree;
 using sync::test::SqliteStore;
 
 namespace {
@@ -120,6 +122,58 @@ TEST(RecordCodecTest, FileTextsReadBackAsStoredInEveryNeighbourhood) {
                                   Shown(read[i].contentType), Shown(read[i].privilegeInfo)),
                   std::make_tuple(Shown(row.checksum), Shown(row.serverChecksum),
                                   Shown(row.contentType), Shown(row.privilegeInfo)));
+    }
+}
+
+// Records read while a planning pass shares texts take the strings of the tree already built
+// for the same entry wherever a text is equal, and read exactly as they do without it.
+TEST(RecordCodecTest, FilesReadWhileTextsAreSharedTakeTheTreesEqualTexts) {
+    SqliteStore store;
+    FolderConfiguration root;
+    root.localPath = "/home/u/Docs";
+    root.serverPath = root.path = "/Docs";
+    ASSERT_TRUE(store.folders->AddFolder(root));
+    const auto tree = std::make_shared<EntryInfoTree>();
+    // What the tree holds of each stored file: the same texts, a changed name, or nothing.
+    const struct {
+        const char* name;
+        const char* treeName;  // nullptr: the tree does not know the file
+    } rows[] = {{"same.txt", "same.txt"}, {"Renamed.txt", "renamed.txt"}, {"new.txt", nullptr}};
+    for (const auto& row : rows) {
+        FileConfiguration file;
+        file.rootId = root.id;
+        file.name = row.name;
+        file.localPath = root.localPath + "/" + row.name;
+        file.serverPath = root.serverPath + "/" + row.name;
+        file.checksum = QString("sum-") + row.name;
+        file.properties.insert("versionId", QString("v-") + row.name);
+        ASSERT_TRUE(store.files->AddFile(file));
+        if (!row.treeName) continue;
+        FileConfiguration known(file);
+        known.name = row.treeName;
+        tree->fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), known);
+    }
+    const QVector<FileConfiguration> plain = store.files->GetFilesByRootId(root.id, false);
+    QVector<FileConfiguration> shared;
+    {
+        EntryInfoTree::TextSource source(tree);
+        shared = store.files->GetFilesByRootId(root.id, false);
+    }
+    ASSERT_EQ(shared.size(), int(std::size(rows)));
+    ASSERT_EQ(plain.size(), shared.size());
+    for (int i = 0; i < shared.size(); ++i) {
+        SCOPED_TRACE(rows[i].name);
+        const FileConfiguration& read = shared[i];
+        EXPECT_EQ(read, plain[i]);
+        const auto known = tree->fileMap.constFind(EntryInfoTree::KeyOf(read.serverPath));
+        const bool inTree = rows[i].treeName != nullptr;
+        ASSERT_EQ(known != tree->fileMap.constEnd(), inTree);
+        if (!inTree) continue;
+        EXPECT_TRUE(read.localPath.isSharedWith(known->localPath));
+        EXPECT_TRUE(read.serverPath.isSharedWith(known->serverPath));
+        EXPECT_TRUE(read.checksum.isSharedWith(known->checksum));
+        EXPECT_TRUE(read.properties.isSharedWith(known->properties));
+        EXPECT_EQ(read.name.isSharedWith(known->name), read.name == known->name);
     }
 }
 

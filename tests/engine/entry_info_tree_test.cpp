@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <QTemporaryDir>
+#include <memory>
 
 #include "EntryInfoTree.h"
 #include "FakeConfigStore.h"
@@ -11,6 +12,7 @@
 #include "RetrieverTestDoubles.h"
 
 using namespace sync::test;
+using sync::config::FileConfiguration;
 using sync::config::FolderConfiguration;
 using sync::syncService::EntryInfoTree;
 using sync::syncService::LocalEntryInfoTreeRetriever;
@@ -64,6 +66,138 @@ TEST(EntryInfoTreeTest, DrainHandsOverEveryRecordInOrder) {
         const int expected = row.refuseAt < 0 ? row.count : row.refuseAt;
         ASSERT_EQ(taken.size(), expected);
         for (int i = 0; i < expected; ++i) ASSERT_EQ(taken.at(i), QString("record %1").arg(i));
+    }
+}
+
+// A copy that shares no text with the original, as a record read from another source is.
+QString Fresh(const QString& s) {
+    return s.isNull() ? QString() : QString(s.constData(), s.size());
+}
+
+FileConfiguration FreshFile(const FileConfiguration& f) {
+    FileConfiguration copy(f);
+    for (QString* text :
+         {&copy.name, &copy.localPath, &copy.serverPath, &copy.checksum, &copy.contentType,
+          &copy.privilegeInfo, &copy.serverFileId, &copy.serverChecksum})
+        *text = Fresh(*text);
+    copy.properties = {};
+    for (auto it = f.properties.cbegin(); it != f.properties.cend(); ++it)
+        copy.properties.insert(Fresh(it.key()), Fresh(it.value()));
+    return copy;
+}
+
+FileConfiguration SampleFile(const QString& serverPath, const QString& checksum) {
+    FileConfiguration f;
+    f.serverPath = serverPath;
+    f.name = serverPath.section('/', -1);
+    f.localPath = "/home/u" + serverPath;
+    f.checksum = checksum;
+    f.serverChecksum = QString("");  // empty, not null: must stay so
+    f.serverFileId = "id-" + f.name;
+    f.properties.insert("versionId", "v-" + checksum);
+    return f;
+}
+
+// A record put under a TextSource takes the string of each text that the newest tree knowing
+// its key holds equal, and nothing else: its values, null and empty ones included, stay its own.
+TEST(EntryInfoTreeTest, TextSourceGivesARecordTheEqualTextsOfTheSameEntry) {
+    const auto older = std::make_shared<EntryInfoTree>();
+    const auto newer = std::make_shared<EntryInfoTree>();
+    const auto put = [](EntryInfoTree& tree, const FileConfiguration& f) {
+        tree.fileMap.insert(EntryInfoTree::KeyOf(f.serverPath), f);
+    };
+    put(*older, SampleFile("/Docs/A.txt", "a"));
+    put(*older, SampleFile("/Docs/B.txt", "b-old"));
+    put(*newer, SampleFile("/Docs/B.txt", "b"));
+    put(*newer, SampleFile("/Docs/C.txt", "c"));
+
+    const struct {
+        const char* what;
+        int sources;  // 0: no TextSource; 1: the older tree; 2: the older, then the newer
+        FileConfiguration record;
+        const EntryInfoTree* sharesWith;  // nullptr: shares nothing
+        QStringList differs;              // the fields that must keep their own texts
+    } rows[] = {
+        {"no source", 0, SampleFile("/Docs/A.txt", "a"), nullptr, {}},
+        {"equal entry", 1, SampleFile("/Docs/A.txt", "a"), older.get(), {}},
+        {"one text differs",
+         1,
+         SampleFile("/Docs/A.txt", "z"),
+         older.get(),
+         {"checksum", "properties"}},
+        {"path in another case",
+         1,
+         SampleFile("/DOCS/a.txt", "a"),
+         older.get(),
+         {"name", "localPath", "serverPath", "serverFileId"}},
+        {"newest tree first", 2, SampleFile("/Docs/B.txt", "b"), newer.get(), {}},
+        {"older tree when the newer lacks it", 2, SampleFile("/Docs/A.txt", "a"), older.get(), {}},
+        {"unknown entry", 2, SampleFile("/Docs/D.txt", "d"), nullptr, {}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        std::unique_ptr<EntryInfoTree::TextSource> source;
+        if (row.sources > 0) source = std::make_unique<EntryInfoTree::TextSource>(older);
+        if (row.sources > 1) source->Add(newer);
+
+        FileConfiguration record = FreshFile(row.record);
+        QString key = Fresh(EntryInfoTree::KeyOf(record.serverPath));
+        EntryInfoTree::ShareTexts(key, record);
+
+        EXPECT_EQ(record, row.record);
+        EXPECT_EQ(record.serverChecksum.isNull(), row.record.serverChecksum.isNull());
+        EXPECT_EQ(key, EntryInfoTree::KeyOf(row.record.serverPath));
+        const auto same =
+            row.sharesWith ? row.sharesWith->fileMap.constFind(key) : older->fileMap.constEnd();
+        EXPECT_EQ(row.sharesWith && key.isSharedWith(same.key()), row.sharesWith != nullptr);
+        const std::pair<const char*, QString FileConfiguration::*> texts[] = {
+            {"name", &FileConfiguration::name},
+            {"localPath", &FileConfiguration::localPath},
+            {"serverPath", &FileConfiguration::serverPath},
+            {"checksum", &FileConfiguration::checksum},
+            {"serverFileId", &FileConfiguration::serverFileId}};
+        for (const auto& [name, field] : texts) {
+            const bool shares = row.sharesWith && !row.differs.contains(name);
+            EXPECT_EQ(row.sharesWith && (record.*field).isSharedWith((*same).*field), shares)
+                << name;
+        }
+        EXPECT_EQ(row.sharesWith && record.properties.isSharedWith(same->properties),
+                  row.sharesWith && !row.differs.contains("properties"));
+    }
+
+    // A tree its owner lets go of is freed, source or not, and shares nothing any more.
+    {
+        auto dropped = std::make_shared<EntryInfoTree>();
+        put(*dropped, SampleFile("/Docs/A.txt", "a"));
+        const std::weak_ptr<EntryInfoTree> watch = dropped;
+        EntryInfoTree::TextSource source(dropped);
+        dropped.reset();
+        EXPECT_TRUE(watch.expired());
+        FileConfiguration record = FreshFile(SampleFile("/Docs/A.txt", "a"));
+        QString key = EntryInfoTree::KeyOf(record.serverPath);
+        EntryInfoTree::ShareTexts(key, record);
+        EXPECT_EQ(record, SampleFile("/Docs/A.txt", "a"));
+    }
+
+    // Folders the same way; and once the source has ended, nothing is shared any more.
+    FolderConfiguration folder;
+    folder.serverPath = folder.path = "/Docs/Sub";
+    folder.localPath = "/home/u/Docs/Sub";
+    older->folderMap.insert(EntryInfoTree::KeyOf(folder.serverPath), folder);
+    for (const bool active : {true, false}) {
+        SCOPED_TRACE(active ? "folder" : "folder after the source ended");
+        std::unique_ptr<EntryInfoTree::TextSource> source;
+        if (active) source = std::make_unique<EntryInfoTree::TextSource>(older);
+        FolderConfiguration record(folder);
+        record.serverPath = Fresh(folder.serverPath);
+        record.path = Fresh(folder.path);
+        record.localPath = Fresh(folder.localPath);
+        QString key = EntryInfoTree::KeyOf(record.serverPath);
+        EntryInfoTree::ShareTexts(key, record);
+        EXPECT_EQ(record, folder);
+        EXPECT_EQ(record.serverPath.isSharedWith(folder.serverPath), active);
+        EXPECT_EQ(record.path.isSharedWith(folder.path), active);
+        EXPECT_EQ(record.localPath.isSharedWith(folder.localPath), active);
     }
 }
 

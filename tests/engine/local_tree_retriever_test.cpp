@@ -139,7 +139,9 @@ TEST_F(LocalTreeRetrieverTest, WalksWhatTheScopeSelectsAndNamesWhatItLeavesOut) 
          {"a.txt", ".hidden.txt", "Sub/b.txt", "Sub/Deep/c.txt", ".hiddenDir/d.txt",
           "Private/p.txt", "skip.tmp", "Sub/Notes.txt", "Sub/notes.txt", "Pics/a.jpg", "pics/b.jpg",
           // The engine's own folders, in whatever letter case the disk has.
-          ".{syncTEMP}/t.txt", "Sub/.{SYNCBACKUP}/x.BASE"})
+          ".{syncTEMP}/t.txt", "Sub/.{SYNCBACKUP}/x.BASE",
+          // Near misses of their names are the user's.
+          "Sub/{SyncTemp}.txt", "Sub/x.{SyncBackup"})
         WriteFile(At(below));
     // Links are never followed, so a loop cannot trap the walk, and never listed.
     ASSERT_TRUE(QFile::link(rootPath, At("Sub/loop")));
@@ -147,7 +149,7 @@ TEST_F(LocalTreeRetrieverTest, WalksWhatTheScopeSelectsAndNamesWhatItLeavesOut) 
     filter->excluded = QStringList{"/skip.tmp", "/Private"};
     const char* const kWholeTreeFiles =
         "a.txt pics/a.jpg pics/b.jpg private/p.txt sub/b.txt "
-        "sub/deep/c.txt";
+        "sub/deep/c.txt sub/x.{syncbackup sub/{synctemp}.txt";
     const struct {
         const char* name;
         int syncScope;

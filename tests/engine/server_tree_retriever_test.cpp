@@ -15,6 +15,7 @@ using sync::config::FolderConfiguration;
 using sync::config::FolderSynchronizationStatus;
 using sync::core::consts::LOCAL_FILE_MAX_PATH;
 using sync::core::consts::LOCAL_FOLDER_MAX_PATH;
+using sync::syncService::EntryInfoTree;
 using sync::syncService::ServerEntryInfoTreeRetriever;
 
 namespace {
@@ -77,6 +78,33 @@ protected:
     ServerEntryInfoTreeRetriever retriever{nullptr, nullptr, core, server, server, filter, filter};
     QStringList fileSignals, folderSignals;
 };
+
+// While a planning pass shares texts, a listed record takes the strings of the same entry in the
+// tree built before it, and reads exactly as it does without.
+TEST_F(ServerTreeRetrieverTest, ListedRecordsTakeTheTextsOfTheTreeBuiltBefore) {
+    server->PutFolder("/Docs/Sub");
+    server->PutFile("/Docs/Sub/a.txt", kContent);
+    const auto earlier = retriever.GetEntryInfoTree(root);
+    const auto plain = retriever.GetEntryInfoTree(root);
+    std::shared_ptr<EntryInfoTree> tree;
+    {
+        EntryInfoTree::TextSource source(earlier);
+        tree = retriever.GetEntryInfoTree(root);
+    }
+    const QString fileKey = Key("sub/a.txt"), folderKey = Key("sub");
+    ASSERT_TRUE(tree->fileMap.contains(fileKey));
+    ASSERT_TRUE(tree->folderMap.contains(folderKey));
+    const auto file = tree->fileMap.value(fileKey);
+    const auto known = earlier->fileMap.value(fileKey);
+    EXPECT_EQ(file, plain->fileMap.value(fileKey));
+    EXPECT_FALSE(plain->fileMap.value(fileKey).localPath.isSharedWith(known.localPath));
+    EXPECT_TRUE(file.localPath.isSharedWith(known.localPath));
+    EXPECT_TRUE(file.name.isSharedWith(known.name));
+    EXPECT_TRUE(file.properties.isSharedWith(known.properties));
+    const auto folder = tree->folderMap.value(folderKey);
+    EXPECT_EQ(folder, plain->folderMap.value(folderKey));
+    EXPECT_TRUE(folder.localPath.isSharedWith(earlier->folderMap.value(folderKey).localPath));
+}
 
 TEST_F(ServerTreeRetrieverTest, AnswersDecideTreeFlagAndException) {
     const struct {

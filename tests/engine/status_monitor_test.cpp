@@ -121,6 +121,7 @@ TEST(StatusMonitorTest, ReportsSettleTheEntryAndEveryFolderUpToTheRoot) {
         {"running file, failed folder",  aAndB, {"folder /r/A/B 2"},                    "1 1 2 0 | B=2 f=1"},
         {"failed file, running folder",  aAndB, {"file /r/A/f 2"},                      "2 2 1 0 | B=1 f=2"},
         {"other letter case",   {"up /r/A/f"}, {"file /R/a/F 2"},                       "2 2 0 0 | f=2"},
+        {"other case, not ASCII", {"up /r/A/\u00c4\u212a"}, {"file /R/a/\u00e4k 2"},        "2 2 0 0 | \u00c4\u212a=2"},
         {"outside the root",    {"up /r/A/f"}, {"file /rx/f 2", "folder /rx 2", "folder / 2", "folder r 2"},
                                                                                         "1 1 0 0 | f=1"},
         {"filtered-out entries take no part",
@@ -152,6 +153,28 @@ TEST(StatusMonitorTest, ReportsSettleTheEntryAndEveryFolderUpToTheRoot) {
                 w.monitor.UpdateFolder(path, FolderStatus(status));
         }
         EXPECT_EQ(w.Statuses(), row.expected) << row.name;
+    }
+}
+
+// Two paths name the same entry exactly when their keys are equal: cleaned, every letter
+// folded (beyond ASCII too, where a letter may fold to an ASCII one), nothing else touched.
+TEST(StatusMonitorTest, PathKeysCleanAndFoldEveryLetter) {
+    const struct {
+        QString path, key;
+    } rows[] = {
+        {"/R/A/f.TXT", "/r/a/f.txt"},
+        {"/r//a/./b/../F/", "/r/a/f"},
+        {"/", ""},
+        {"", ""},
+        {"/Stra\u00dfe/\u00c4\u03a3", "/stra\u00dfe/\u00e4\u03c3"},
+        {"/\u212a/Z", "/k/z"},
+        {"/{A}[Z]@`", "/{a}[z]@`"},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(syncStatusMonitor::PathKey(row.path), row.key) << row.path.toStdString();
+        EXPECT_TRUE(
+            syncStatusMonitor::IsSameOrBelow(syncStatusMonitor::PathKey(row.path + "/x"), row.key))
+            << row.path.toStdString();
     }
 }
 
