@@ -31,6 +31,7 @@
 #include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
+#include "TransactionalScope.h"
 #include "TransferSupport.h"
 
 namespace sync {
@@ -550,7 +551,11 @@ Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&,
         r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
     }
     SettleTimesOfRecentFiles(uploaded);
+    // One commit for the batch: a commit per record is most of the cost of uploading many
+    // small files.
+    sync::database::TransactionalScope scope;
     for (const UploadedFile& file : uploaded) _StoreRecord(*file.first);
+    scope.commit();
     return r;
 }
 

@@ -23,6 +23,7 @@
 #include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
+#include "TransactionalScope.h"
 #include "TransferSupport.h"
 #include "WebDavConnection.h"
 #include "WebDavMultistatus.h"
@@ -732,7 +733,11 @@ Results WebDavServer::UploadFiles(const sync::config::ServerConfiguration&, cons
         r.CountFailure(Results::FileServerCreation, ShownPath(f), status);
     }
     SettleTimesOfRecentFiles(uploaded);
+    // One commit for the batch: a commit per record is most of the cost of uploading many
+    // small files.
+    sync::database::TransactionalScope scope;
     for (const UploadedFile& file : uploaded) _StoreRecord(*file.first);
+    scope.commit();
     return r;
 }
 

@@ -1,18 +1,9 @@
 #include "FileConfiguration.h"
 
+#include "SharedText.h"
+
 namespace sync {
 namespace config {
-
-namespace {
-
-// Assigning an equal value keeps the text but drops this record's own copy of it.
-template <typename Value>
-void ShareText(Value& mine, const Value& theirs) {
-    if (mine.isSharedWith(theirs) || mine.isEmpty() || mine != theirs) return;
-    mine = theirs;
-}
-
-}  // namespace
 
 void FileConfiguration::_CopyMembers(const FileConfiguration& o) {
     id = o.id;

@@ -1,18 +1,9 @@
 #include "FolderConfiguration.h"
 
+#include "SharedText.h"
+
 namespace sync {
 namespace config {
-
-namespace {
-
-// Assigning an equal value keeps the text but drops this record's own copy of it.
-template <typename Value>
-void ShareText(Value& mine, const Value& theirs) {
-    if (mine.isSharedWith(theirs) || mine.isEmpty() || mine != theirs) return;
-    mine = theirs;
-}
-
-}  // namespace
 
 FolderConfiguration::FolderConfiguration() : QObject(nullptr) {}
 

@@ -90,6 +90,8 @@ SyncResults ServerFileCreationWorker::_UploadFile(
     const FolderConfiguration& rootFolder, std::shared_ptr<QList<FileConfiguration*>> files) {
     SyncResults results;
     QList<FileConfiguration> upload;
+    // Nothing in this step creates or moves a folder.
+    QHash<QString, FolderConfiguration> folders;
 
     bool stopped = false;
     for (int start = 0; start < files->size() && !stopped; start += BATCH_SIZE) {
@@ -106,7 +108,7 @@ SyncResults ServerFileCreationWorker::_UploadFile(
                     end = i;
                     break;
                 }
-                batch.append(_PrepareRecord(rootFolder, *files->at(i)));
+                batch.append(_PrepareRecord(rootFolder, *files->at(i), folders));
             }
             scope.commit();
         } catch (const std::exception& e) {
@@ -145,8 +147,9 @@ SyncResults ServerFileCreationWorker::_UploadFile(
     return results;
 }
 
-FileConfiguration ServerFileCreationWorker::_PrepareRecord(const FolderConfiguration& rootFolder,
-                                                           FileConfiguration& file) {
+FileConfiguration ServerFileCreationWorker::_PrepareRecord(
+    const FolderConfiguration& rootFolder, FileConfiguration& file,
+    QHash<QString, FolderConfiguration>& folders) {
     const bool generated = file.isGenerated != 0;
     FileConfiguration record;
     if (generated) {
@@ -160,9 +163,13 @@ FileConfiguration ServerFileCreationWorker::_PrepareRecord(const FolderConfigura
     }
 
     if (record.id < 1) {
-        const FolderConfiguration folder = _folderConfigManager->GetFolderByPath(
-            sync::core::FolderUtilities::GetParentFolderPath(file.localPath).toLower(),
-            rootFolder.authenticationId);
+        const QString folderPath =
+            sync::core::FolderUtilities::GetParentFolderPath(file.localPath).toLower();
+        auto known = folders.constFind(folderPath);
+        if (known == folders.constEnd())
+            known = folders.insert(folderPath, _folderConfigManager->GetFolderByPath(
+                                                   folderPath, rootFolder.authenticationId));
+        const FolderConfiguration& folder = *known;
         file.folderId = folder.id;
         file.inheritedId = folder.inheritedId;
         file.rootId = folder.rootId;

@@ -42,9 +42,12 @@ private:
     sync::core::SyncResults _UploadFile(
         const sync::config::FolderConfiguration& rootFolder,
         std::shared_ptr<QList<sync::config::FileConfiguration*>> files);
-    // The database record to upload for one task record; adds the record of a new file.
+    // The database record to upload for one task record; adds the record of a new file. The
+    // folders of new files are read once per upload and kept in folders, by lower-case path:
+    // an upload of a large new tree would otherwise read its folder again for every file.
     sync::config::FileConfiguration _PrepareRecord(
-        const sync::config::FolderConfiguration& rootFolder, sync::config::FileConfiguration& file);
+        const sync::config::FolderConfiguration& rootFolder, sync::config::FileConfiguration& file,
+        QHash<QString, sync::config::FolderConfiguration>& folders);
     // Uploads one batch; a request refused as a whole fails every file of it.
     void _Upload(const sync::config::FolderConfiguration& rootFolder,
                  QList<sync::config::FileConfiguration>& files, sync::core::SyncResults& results);

@@ -79,42 +79,6 @@ QMap<QString, QString> WithContentVersionsOf(const QMap<QString, QString>& serve
     return merged;
 }
 
-// Makes `mine` the same string as `theirs` when the texts are equal: the three trees name
-// the same 100,000 paths, and one copy of each is enough.
-void Share(QString& mine, const QString& theirs) {
-    if (theirs.isEmpty() || mine.isSharedWith(theirs) || mine != theirs) return;
-    mine = theirs;
-}
-
-void Share(QMap<QString, QString>& mine, const QMap<QString, QString>& theirs) {
-    if (theirs.isEmpty() || mine.isSharedWith(theirs) || mine != theirs) return;
-    mine = theirs;
-}
-
-// Shares what a tree's file records have in common with the same files of another tree: the
-// paths, and with `serverFields` what the server reported. Only equal values are exchanged, so
-// every record reads exactly as before.
-void ShareStrings(EntryInfoTree& tree, const EntryInfoTree& other, bool serverFields) {
-    if (tree.fileMap.isEmpty() || other.fileMap.isEmpty()) return;
-    for (auto it = tree.fileMap.begin(); it != tree.fileMap.end(); ++it) {
-        const auto same = other.fileMap.constFind(it.key());
-        if (same == other.fileMap.constEnd()) continue;
-#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-        // An equal key hashes alike: the entry stays where it is. Qt 5 keeps its keys const.
-        Share(const_cast<QString&>(it.key()), same.key());
-#endif
-        FileConfiguration& file = *it;
-        Share(file.name, same->name);
-        Share(file.localPath, same->localPath);
-        Share(file.serverPath, same->serverPath);
-        if (!serverFields) continue;
-        Share(file.serverFileId, same->serverFileId);
-        Share(file.serverChecksum, same->serverChecksum);
-        Share(file.privilegeInfo, same->privilegeInfo);
-        Share(file.properties, same->properties);
-    }
-}
-
 }  // namespace
 
 SynchronizeRunner::SynchronizeRunner(
@@ -155,23 +119,18 @@ std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& r
     const TreePtr localTree = _localRetriever->GetEntryInfoTree(root);
     if (!localTree) return depot;
     if (checkForExit->ShouldExit()) return depot;
+    // The three trees name the same paths: each record read for the next trees takes the
+    // strings of the trees already built where its texts are equal, as it is read, so that one
+    // copy of each lives and the memory of the copy read is reused by the next record.
     EntryInfoTree::TextSource texts(localTree);
     const TreePtr configTree = _configRetriever->GetEntryInfoTree(root);
     if (checkForExit->ShouldExit()) return depot;
-    // Each tree gives up its copies of the texts the trees before it hold, before the next one
-    // is built: the memory freed is reused by the next tree instead of adding to it.
-    if (configTree) ShareStrings(*configTree, *localTree, /*serverFields=*/false);
     texts.Add(configTree);
     const TreePtr serverTree = _serverRetriever->GetEntryInfoTree(root);
     const bool serverTreeModified = _serverRetriever->IsTreeModified();
     if (checkForExit->ShouldExit()) return depot;
     // Without one of the trees every entry would look added or deleted on that side.
     if (!configTree || !serverTree) return depot;
-    // The config tree's paths are the local tree's by now: one pass shares both. A file that
-    // only the local and server trees know keeps its own copies, which is rare and not worth
-    // another pass over 100,000 records.
-    ShareStrings(*serverTree, *configTree, /*serverFields=*/true);
-
     // What either side left out by a rule must not look deleted to the differs.
     ExcludedEntryPruner::Prune(root.serverPath, *configTree, *localTree, *serverTree);
 
