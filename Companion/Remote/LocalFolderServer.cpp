@@ -17,6 +17,7 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -136,26 +137,45 @@ QString Escaped(const char* name) {
     return out;
 }
 
-// Both are formatted once per listed entry: snprintf, not QString::arg, whose parsing of the
-// format string cost more than the stat call itself.
+// Decimal numbers with a separator before each but the first, as printf's %lld and %llu write
+// them. A listing makes an id and a version of every file: to_chars, not snprintf or
+// QString::arg, whose parsing of a format costs more than the stat call itself.
+class NumberText {
+public:
+    template <typename Number>
+    NumberText& Add(Number value, char separator = 0) {
+        char* const end = _text + sizeof _text;
+        char* at = _text + _size;
+        if (separator && at < end) *at++ = separator;
+        const std::to_chars_result written = std::to_chars(at, end, value);
+        if (written.ec == std::errc()) _size = std::size_t(written.ptr - _text);
+        return *this;
+    }
+    QString Text() const { return QString::fromLatin1(_text, int(_size)); }
+
+private:
+    char _text[128];  // six 64-bit numbers and their separators fit easily
+    std::size_t _size = 0;
+};
+
 QString IdOf(const struct stat& st) {
-    char text[48];
-    const int n =
-        std::snprintf(text, sizeof text, "%llu:%llu", static_cast<unsigned long long>(st.st_dev),
-                      static_cast<unsigned long long>(st.st_ino));
-    return QString::fromLatin1(text, n);
+    return NumberText()
+        .Add(static_cast<unsigned long long>(st.st_dev))
+        .Add(static_cast<unsigned long long>(st.st_ino), ':')
+        .Text();
 }
 
 // Any write to a file moves its change time, also one that keeps size and modification time
 // (a touch -r after the write); the inode tells a file replaced by rename.
 QString VersionIdOf(const struct stat& st) {
-    char text[128];
-    const int n = std::snprintf(
-        text, sizeof text, "%lld-%lld.%lld-%lld.%lld-%llu", static_cast<long long>(st.st_size),
-        static_cast<long long>(st.st_mtim.tv_sec), static_cast<long long>(st.st_mtim.tv_nsec),
-        static_cast<long long>(st.st_ctim.tv_sec), static_cast<long long>(st.st_ctim.tv_nsec),
-        static_cast<unsigned long long>(st.st_ino));
-    return QString::fromLatin1(text, n);
+    return NumberText()
+        .Add(static_cast<long long>(st.st_size))
+        .Add(static_cast<long long>(st.st_mtim.tv_sec), '-')
+        .Add(static_cast<long long>(st.st_mtim.tv_nsec), '.')
+        .Add(static_cast<long long>(st.st_ctim.tv_sec), '-')
+        .Add(static_cast<long long>(st.st_ctim.tv_nsec), '.')
+        .Add(static_cast<unsigned long long>(st.st_ino), '-')
+        .Text();
 }
 
 QDateTime ModifiedOf(const struct stat& st) {
