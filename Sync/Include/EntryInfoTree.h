@@ -30,22 +30,30 @@ public:
     // here, A-Z being its only letters with a lower case; a path already in lower case is
     // returned itself, and shares its text with the record.
     static QString KeyOf(const QString& serverPath) {
-        const QChar* chars = serverPath.constData();
-        const qsizetype length = serverPath.size();
+        return LowerAscii(serverPath, [](const QString& text) { return text.toLower(); });
+    }
+
+    // Lowers A-Z, which for ASCII text is both lowering and case folding; text with any other
+    // character goes to `other` (Qt's own, through the Unicode tables). Text with nothing to
+    // lower is returned itself, sharing its data.
+    template <typename Other>
+    static QString LowerAscii(const QString& text, Other other) {
+        const QChar* chars = text.constData();
+        const qsizetype length = text.size();
         qsizetype firstUpper = -1;
         for (qsizetype i = 0; i < length; ++i) {
             const ushort c = chars[i].unicode();
-            if (c >= 0x80) return serverPath.toLower();
+            if (c >= 0x80) return other(text);
             if (firstUpper < 0 && c >= 'A' && c <= 'Z') firstUpper = i;
         }
-        if (firstUpper < 0) return serverPath;
-        QString key(serverPath);
-        QChar* out = key.data();
+        if (firstUpper < 0) return text;
+        QString lowered(text);
+        QChar* out = lowered.data();
         for (qsizetype i = firstUpper; i < length; ++i) {
             const ushort c = out[i].unicode();
             if (c >= 'A' && c <= 'Z') out[i] = QChar(ushort(c + ('a' - 'A')));
         }
-        return key;
+        return lowered;
     }
 
     // Inserts or replaces without copying the record where the Qt version allows it; trees of

@@ -6,6 +6,7 @@
 #include <initializer_list>
 #include <utility>
 
+#include "EntryInfoTree.h"
 #include "SyncTaskType.h"
 
 namespace sync {
@@ -51,33 +52,11 @@ QString Walker::GetParentFolder(const QString& path) {
     return path;
 }
 
-namespace {
-
-// Qt folds every character through the Unicode tables and copies the text even when only a
-// letter or two change; the monitor folds several paths per report. Between ASCII characters
-// folding is lowering A-Z, so only other texts go to Qt.
-QString FoldCase(QString text) {
-    const QChar* chars = text.constData();
-    const qsizetype length = text.size();
-    qsizetype firstUpper = -1;
-    for (qsizetype i = 0; i < length; ++i) {
-        const char16_t c = chars[i].unicode();
-        if (c >= 0x80) return text.toCaseFolded();
-        if (firstUpper < 0 && c >= 'A' && c <= 'Z') firstUpper = i;
-    }
-    if (firstUpper < 0) return text;
-    QChar* out = text.data();
-    for (qsizetype i = firstUpper; i < length; ++i) {
-        const char16_t c = out[i].unicode();
-        if (c >= 'A' && c <= 'Z') out[i] = QChar(c + ('a' - 'A'));
-    }
-    return text;
-}
-
-}  // namespace
-
 QString PathKey(const QString& path) {
-    QString key = FoldCase(QDir::cleanPath(path));
+    // Qt folds every character through the Unicode tables; the monitor folds several paths per
+    // report, nearly all of them ASCII.
+    QString key = EntryInfoTree::LowerAscii(
+        QDir::cleanPath(path), [](const QString& text) { return text.toCaseFolded(); });
     // Only "/" keeps its '/' after cleaning; as a folder it is the empty prefix of every
     // absolute path, the way FolderUtilities::IsParent sees it.
     if (key.endsWith(QLatin1Char('/'))) key.chop(1);
