@@ -180,7 +180,12 @@ public:
     void Delete(Side side, const QString& below) {
         ASSERT_TRUE(KillableSyncMachine::Remove(PathOf(side, below))) << below.toStdString();
     }
-    void Move(Side side, const QString& from, const QString& to) {
+    // A name picked in an earlier round may be taken again by now (an edit that outlived the
+    // move brought the old folder back), so the target gets a number until neither side has it.
+    void Move(Side side, const QString& from, const QString& wanted) {
+        QString to = wanted;
+        for (int n = 2; QFileInfo::exists(_m.Local(to)) || QFileInfo::exists(_m.Server(to)); ++n)
+            to = wanted + QStringLiteral(" %1").arg(n);
         const bool moved = side == Side::Local
                                ? KillableSyncMachine::Rename(_m.Local(from), _m.Local(to))
                                : _m.RenameServer(from, to);
