@@ -1,6 +1,8 @@
 #include "ConfigDatabaseImpl.h"
 
 #include <SQLiteCpp/Exception.h>
+
+#include <QFile>
 // For the names of SQLite's result codes that SQLite::Exception reports.
 #include <sqlite3.h>
 
@@ -39,9 +41,27 @@ ConfigDatabase::Impl::~Impl() {
     }
 }
 
+ConfigDatabase::Impl* ConfigDatabase::Impl::ReadingPeer() {
+    if (_peer || _peerFailed) return _peer.get();
+    try {
+        auto db = std::make_unique<SQLite::Database>(QFile::encodeName(_path).toStdString(),
+                                                     SQLite::OPEN_READONLY | SQLite::OPEN_NOMUTEX,
+                                                     _busyTimeoutMs);
+        _peer = std::make_unique<Impl>(_path, std::move(db), true, _busyTimeoutMs);
+        _peer->Exec("PRAGMA cache_size = -2048");
+    } catch (const std::exception& e) {
+        // Reads then run on this connection alone, as they always could.
+        SYNC_LOG_DEBUG("No second connection to %1: %2", _path, QString::fromUtf8(e.what()));
+        _peer.reset();
+        _peerFailed = true;
+    }
+    return _peer.get();
+}
+
 void ConfigDatabase::Impl::SetBusyTimeoutMs(int milliseconds) {
     _db->setBusyTimeout(milliseconds);
     _busyTimeoutMs = milliseconds;
+    if (_peer) _peer->SetBusyTimeoutMs(milliseconds);
 }
 
 ConfigDatabase::Impl& ConfigDatabase::Impl::Checked() {

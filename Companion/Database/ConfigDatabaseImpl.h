@@ -56,6 +56,12 @@ public:
     void RollbackLevel(int level) noexcept;
     bool InTransaction() const { return !_levels.empty(); }
 
+    // A second, read-only connection to the same file, opened on first use, for the half of a
+    // large read that another thread runs while this connection reads the other half. It sees
+    // what is committed, so it is only for reads outside a transaction. Null when none can be
+    // opened; the caller then reads everything here.
+    Impl* ReadingPeer();
+
     // An exception naming the file.
     DatabaseException Error(const QString& what) const;
     // Translates a failure of the SQLite library into an exception naming the file and what
@@ -79,6 +85,8 @@ private:
     // Set while the open transaction has been rolled back after a failure.
     std::optional<QString> _aborted;
     std::optional<QString> _lostBatch;
+    std::unique_ptr<Impl> _peer;
+    bool _peerFailed = false;
 };
 
 // The account record with that id (id -1 when none); AuthenticationConfigManager writes them.

@@ -1,5 +1,8 @@
 #include "FileConfigManager.h"
 
+#include <exception>
+#include <thread>
+
 #include "ConfigDatabaseImpl.h"
 #include "EntryInfoTree.h"
 
@@ -24,6 +27,16 @@ const char* const kByPath = FILE_SELECT
     "JOIN folders r ON r.id = f.root_id "
     "WHERE f.local_path_key = ?1 AND r.authentication_id = ?2 ORDER BY f.id LIMIT 1";
 const char* const kByRoot = FILE_SELECT "WHERE f.root_id = ?1 AND f.is_generated = 0 ORDER BY f.id";
+// The two halves of kByRoot for a read split between two threads, and the id where they meet.
+const char* const kByRootBelow =
+    FILE_SELECT "WHERE f.root_id = ?1 AND f.is_generated = 0 AND f.id < ?2 ORDER BY f.id";
+const char* const kByRootFrom =
+    FILE_SELECT "WHERE f.root_id = ?1 AND f.is_generated = 0 AND f.id >= ?2 ORDER BY f.id";
+const char* const kMiddleIdByRoot =
+    "SELECT f.id FROM files f WHERE f.root_id = ?1 AND f.is_generated = 0 ORDER BY f.id "
+    "LIMIT 1 OFFSET ?2";
+// Below this many records a second thread costs more than it saves.
+constexpr int kSplitReadAbove = 20000;
 const char* const kAllByRoot = FILE_SELECT "WHERE f.root_id = ?1 ORDER BY f.id";
 const char* const kGeneratedByRoot =
     FILE_SELECT "WHERE f.root_id = ?1 AND f.is_generated <> 0 ORDER BY f.id";
@@ -73,6 +86,55 @@ QVector<FileConfiguration> ReadAll(Query& q, int expected = 0) {
     return files;
 }
 
+// Decoding the records of a large root costs more than SQLite's own work: the upper half is
+// read on a second thread through the peer connection while this one reads the lower half.
+// Outside a transaction both connections see the same committed rows, and the halves joined
+// in id order are exactly what one read returns.
+QVector<FileConfiguration> ReadSplit(ConfigDatabase::Impl& db, ConfigDatabase::Impl& peer,
+                                     int rootId, int expected) {
+    int middle = 0;
+    {
+        Query q(db, kMiddleIdByRoot);
+        q.Bind(1, rootId);
+        q.Bind(2, expected / 2);
+        if (!q.Step()) {
+            Query all(db, kByRoot);
+            all.Bind(1, rootId);
+            return ReadAll(all, expected);
+        }
+        middle = q.Int(0);
+    }
+    QVector<FileConfiguration> upper;
+    std::exception_ptr upperFailure;
+    const EntryInfoTree::TextSource* texts = EntryInfoTree::TextSource::OfThisThread();
+    std::thread reader([&] {
+        try {
+            const EntryInfoTree::TextSource::Lent lent(texts);
+            Query q(peer.Checked(), kByRootFrom);
+            q.Bind(1, rootId);
+            q.Bind(2, middle);
+            upper = ReadAll(q, expected - expected / 2);
+        } catch (...) {
+            upperFailure = std::current_exception();
+        }
+    });
+    QVector<FileConfiguration> files;
+    try {
+        Query q(db, kByRootBelow);
+        q.Bind(1, rootId);
+        q.Bind(2, middle);
+        files = ReadAll(q, expected);
+    } catch (...) {
+        reader.join();
+        throw;
+    }
+    reader.join();
+    if (upperFailure) std::rethrow_exception(upperFailure);
+    files.reserve(files.size() + upper.size());
+    for (FileConfiguration& file : upper) files.append(std::move(file));
+    return files;
+}
+
 }  // namespace
 
 FileConfigManager::FileConfigManager(std::shared_ptr<ConfigDatabase> database)
@@ -113,6 +175,9 @@ QVector<FileConfiguration> FileConfigManager::GetFilesByRootId(int rootId, bool 
         count.Bind(2, generatedToo);
         if (count.Step()) expected = count.Int(0);
     }
+    if (!generatedToo && expected > kSplitReadAbove && !db.InTransaction())
+        if (ConfigDatabase::Impl* peer = db.ReadingPeer())
+            return ReadSplit(db, *peer, rootId, expected);
     Query q(db, generatedToo ? kAllByRoot : kByRoot);
     q.Bind(1, rootId);
     return ReadAll(q, expected);

@@ -142,6 +142,21 @@ public:
 
         // Whether records read on this thread have a source to share with.
         static bool Active() { return Current() != nullptr; }
+        // The source of this thread, to lend to a thread that reads part of the same records.
+        static const TextSource* OfThisThread() { return Current(); }
+
+        // Makes a source the current one on another thread for the lifetime of the object. The
+        // lending thread must not add trees meanwhile: the trees are only read, from both.
+        class Lent {
+        public:
+            explicit Lent(const TextSource* source) : _outer(Current()) { Current() = source; }
+            ~Lent() { Current() = _outer; }
+            Lent(const Lent&) = delete;
+            Lent& operator=(const Lent&) = delete;
+
+        private:
+            const TextSource* _outer;
+        };
 
         void Add(std::shared_ptr<const EntryInfoTree> tree) {
             if (tree) _trees.insert(_trees.begin(), std::move(tree));
@@ -149,14 +164,14 @@ public:
 
     private:
         friend class EntryInfoTree;
-        static TextSource*& Current() {
-            thread_local TextSource* current = nullptr;
+        static const TextSource*& Current() {
+            thread_local const TextSource* current = nullptr;
             return current;
         }
         template <typename Record>
         static const QHash<QString, Record>& MapOf(const EntryInfoTree& tree);
 
-        TextSource* _outer;
+        const TextSource* _outer;
         // Not owned: a tree its owner lets go of is freed as it would be without the source.
         std::vector<std::weak_ptr<const EntryInfoTree>> _trees;
     };

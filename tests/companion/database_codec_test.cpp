@@ -12,6 +12,7 @@
 #include "DatabaseBackends.h"
 #include "EntryInfoTree.h"
 #include "RecordCodec.h"
+#include "TransactionalScope.h"
 
 using sync::config::FileConfiguration;
 using sync::config::FolderConfiguration;
@@ -175,6 +176,75 @@ TEST(RecordCodecTest, FilesReadWhileTextsAreSharedTakeTheTreesEqualTexts) {
         EXPECT_TRUE(read.properties.isSharedWith(known->properties));
         EXPECT_EQ(read.name.isSharedWith(known->name), read.name == known->name);
     }
+}
+
+// A large root is read on two threads, each through its own connection, and the halves are
+// joined: what comes back must be exactly one root's plain files in id order, with the texts
+// shared on both threads, and inside a transaction what is not yet committed as well.
+TEST(RecordCodecTest, ALargeRootReadInTwoHalvesComesBackWholeAndInOrder) {
+    SqliteStore store;
+    FolderConfiguration roots[2];
+    for (int r = 0; r < 2; ++r) {
+        roots[r].localPath = QString("/home/u/Root%1").arg(r);
+        roots[r].serverPath = roots[r].path = QString("/Root%1").arg(r);
+        ASSERT_TRUE(store.folders->AddFolder(roots[r]));
+    }
+    QVector<FileConfiguration> expected;
+    const auto tree = std::make_shared<EntryInfoTree>();
+    {
+        sync::database::TransactionalScope scope;
+        // Enough for the split; the other root's files and generated files lie between.
+        for (int i = 0; i < 40000; ++i) {
+            FileConfiguration file;
+            const FolderConfiguration& root = roots[i % 3 == 2 ? 1 : 0];
+            file.rootId = root.id;
+            file.isGenerated = i % 7 == 3 ? 1 : 0;
+            file.name = QString("f%1.txt").arg(i);
+            file.localPath = root.localPath + "/d/" + file.name;
+            file.serverPath = root.serverPath + "/d/" + file.name;
+            file.properties.insert("versionId", QString("v%1").arg(i));
+            ASSERT_TRUE(store.files->AddFile(file));
+            if (file.rootId != roots[0].id || file.isGenerated) continue;
+            expected.append(file);
+            tree->fileMap.insert(EntryInfoTree::KeyOf(file.serverPath), file);
+        }
+    }
+    ASSERT_GT(expected.size(), 20000);
+    const auto ids = [](const QVector<FileConfiguration>& files) {
+        QVector<int> all;
+        for (const FileConfiguration& f : files) all.append(f.id);
+        return all;
+    };
+    const QVector<FileConfiguration> plain = store.files->GetFilesByRootId(roots[0].id, false);
+    ASSERT_EQ(ids(plain), ids(expected));
+    for (int i = 0; i < plain.size(); ++i)
+        ASSERT_EQ(plain[i].serverPath, expected[i].serverPath) << i;
+
+    QVector<FileConfiguration> shared;
+    {
+        EntryInfoTree::TextSource source(tree);
+        shared = store.files->GetFilesByRootId(roots[0].id, false);
+    }
+    ASSERT_EQ(shared.size(), plain.size());
+    for (const int i :
+         {0, int(shared.size()) / 2 - 1, int(shared.size()) / 2, int(shared.size()) - 1}) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(shared[i], plain[i]);
+        const auto known = tree->fileMap.constFind(EntryInfoTree::KeyOf(shared[i].serverPath));
+        ASSERT_NE(known, tree->fileMap.constEnd());
+        EXPECT_TRUE(shared[i].localPath.isSharedWith(known->localPath));
+        EXPECT_TRUE(shared[i].properties.isSharedWith(known->properties));
+    }
+
+    sync::database::TransactionalScope scope;
+    FileConfiguration uncommitted = expected.first();
+    uncommitted.id = -1;
+    uncommitted.serverPath = roots[0].serverPath + "/late.txt";
+    uncommitted.localPath = roots[0].localPath + "/late.txt";
+    ASSERT_TRUE(store.files->AddFile(uncommitted));
+    const QVector<FileConfiguration> inside = store.files->GetFilesByRootId(roots[0].id, false);
+    ASSERT_EQ(inside.size(), plain.size() + 1);
+    EXPECT_EQ(inside.last().id, uncommitted.id);
 }
 
 struct RangeRow {
