@@ -107,13 +107,15 @@ public:
                           QSet<QString>& clashingKeys, const QString& key, Record&& record,
                           QString Record::*path) {
         if (clashingKeys.contains(key)) return {record.*path};
-        const auto existing = map.constFind(key);
+        // One lookup for the usual case of a new key: the slot made for it is filled.
+        const auto sizeBefore = map.size();
+        Record& slot = map[key];
         // The same name listed twice is one entry, not a clash.
-        if (existing == map.constEnd() || (*existing).*path == record.*path) {
-            Put(map, key, std::move(record));
+        if (map.size() != sizeBefore || slot.*path == record.*path) {
+            slot = std::move(record);
             return {};
         }
-        const QStringList clash{(*existing).*path, record.*path};
+        const QStringList clash{slot.*path, record.*path};
         SYNC_LOG_WARN(
             "Leaving out %1 and %2: their names differ only in letter case, and one would "
             "overwrite the other. Rename one of them to synchronise both.",

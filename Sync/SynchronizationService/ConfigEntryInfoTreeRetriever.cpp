@@ -40,15 +40,16 @@ std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
     EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
         QString key = EntryInfoTree::KeyOf(file.serverPath);
         EntryInfoTree::ShareTexts(key, file);
-        const auto existing = tree->fileMap.find(key);
-        if (existing == tree->fileMap.end()) {
-            EntryInfoTree::Put(tree->fileMap, key, std::move(file));
-        } else {
-            ++duplicates;
-            if (existing->id != file.id)
-                replaced.append(ReplacedFile{existing->id, existing->localPath});
-            *existing = std::move(file);
+        // One lookup for the usual case of a new key: the slot made for it is filled.
+        const auto sizeBefore = tree->fileMap.size();
+        FileConfiguration& slot = tree->fileMap[key];
+        if (tree->fileMap.size() != sizeBefore) {
+            slot = std::move(file);
+            return true;
         }
+        ++duplicates;
+        if (slot.id != file.id) replaced.append(ReplacedFile{slot.id, slot.localPath});
+        slot = std::move(file);
         return true;
     });
 

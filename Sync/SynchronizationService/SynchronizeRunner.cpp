@@ -116,17 +116,17 @@ std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& r
     auto depot = std::make_shared<SyncTaskDepot>();
     if (checkForExit->ShouldExit()) return depot;
 
-    const TreePtr localTree = _localRetriever->GetEntryInfoTree(root);
+    TreePtr localTree = _localRetriever->GetEntryInfoTree(root);
     if (!localTree) return depot;
     if (checkForExit->ShouldExit()) return depot;
     // The three trees name the same paths: each record read for the next trees takes the
     // strings of the trees already built where its texts are equal, as it is read, so that one
     // copy of each lives and the memory of the copy read is reused by the next record.
     EntryInfoTree::TextSource texts(localTree);
-    const TreePtr configTree = _configRetriever->GetEntryInfoTree(root);
+    TreePtr configTree = _configRetriever->GetEntryInfoTree(root);
     if (checkForExit->ShouldExit()) return depot;
     texts.Add(configTree);
-    const TreePtr serverTree = _serverRetriever->GetEntryInfoTree(root);
+    TreePtr serverTree = _serverRetriever->GetEntryInfoTree(root);
     const bool serverTreeModified = _serverRetriever->IsTreeModified();
     if (checkForExit->ShouldExit()) return depot;
     // Without one of the trees every entry would look added or deleted on that side.
@@ -159,6 +159,7 @@ std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& r
     _ProcessFiles(root, localTree, configTree, serverTree, serverChange, localChange, *depot);
     _ProcessFolders(root, localTree, configTree, serverTree, serverChange, localChange, *depot);
     _UpdateFileAndFolderPropertiesInDatabase(configTree, serverTree, *depot);
+    _treeRelease.Release({std::move(localTree), std::move(configTree), std::move(serverTree)});
     return depot;
 }
 

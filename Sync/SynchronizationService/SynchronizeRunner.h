@@ -18,6 +18,7 @@
 #include "ISynchronizationPreProcessor.h"
 #include "ISynchronizeRunner.h"
 #include "SyncTaskDepot.h"
+#include "TreeRelease.h"
 
 namespace sync {
 namespace syncService {
@@ -105,6 +106,8 @@ private:
     std::shared_ptr<sync::interf::IFileConfigManager> _fileConfigManager;
     std::shared_ptr<sync::interf::IFolderConfigManager> _folderConfigManager;
     std::shared_ptr<sync::interf::ISyncConfiguration> _syncConfiguration;
+    // Not planning state: only frees the trees of the last pass while the cycle goes on.
+    TreeRelease _treeRelease;
 };
 
 }  // namespace syncService

@@ -10,6 +10,7 @@
 #include "FakeCore.h"
 #include "LocalEntryInfoTreeRetriever.h"
 #include "RetrieverTestDoubles.h"
+#include "TreeRelease.h"
 
 using namespace sync::test;
 using sync::config::FileConfiguration;
@@ -238,3 +239,38 @@ TEST(EntryInfoTreeTest, WalkLeavesOutTheEngineFoldersWhateverThePath) {
 }
 
 }  // namespace
+
+// The trees of a pass are freed on another thread: what the caller still holds (a tree it
+// shares, records copied out of a tree) must read the same afterwards.
+TEST(EntryInfoTreeTest, ReleasedTreesLeaveWhatOthersHoldIntact) {
+    const auto Fill = [](EntryInfoTree& tree, const QString& prefix) {
+        for (int i = 0; i < 2000; ++i) {
+            FileConfiguration f;
+            f.serverPath = QStringLiteral("/%1/f%2.txt").arg(prefix).arg(i);
+            f.localPath = QStringLiteral("/home%1").arg(f.serverPath);
+            f.properties.insert(QStringLiteral("versionId"), QStringLiteral("v%1").arg(i));
+            tree.fileMap.insert(EntryInfoTree::KeyOf(f.serverPath), f);
+        }
+    };
+    auto alone = std::make_shared<EntryInfoTree>();
+    auto shared = std::make_shared<EntryInfoTree>();
+    Fill(*alone, QStringLiteral("a"));
+    Fill(*shared, QStringLiteral("s"));
+    const std::shared_ptr<EntryInfoTree> stillHeld = shared;
+    QVector<FileConfiguration> copies;
+    for (int i = 0; i < 2000; i += 97)
+        copies.append(alone->fileMap.value(QStringLiteral("/a/f%1.txt").arg(i)));
+    {
+        sync::syncService::TreeRelease release;
+        release.Release({std::move(alone), std::move(shared)});
+        EXPECT_EQ(stillHeld->fileMap.size(), 2000);
+    }
+    EXPECT_EQ(stillHeld->fileMap.value(QStringLiteral("/s/f7.txt")).localPath,
+              QStringLiteral("/home/s/f7.txt"));
+    for (int n = 0; n < copies.size(); ++n) {
+        const int i = n * 97;
+        EXPECT_EQ(copies[n].localPath, QStringLiteral("/home/a/f%1.txt").arg(i));
+        EXPECT_EQ(copies[n].properties.value(QStringLiteral("versionId")),
+                  QStringLiteral("v%1").arg(i));
+    }
+}

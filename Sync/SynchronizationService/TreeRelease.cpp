@@ -1,0 +1,58 @@
+#include "TreeRelease.h"
+
+#include <system_error>
+#include <utility>
+
+namespace sync {
+namespace syncService {
+
+namespace {
+
+// What a tree holds, moved out of the tree: the tree itself is a QObject and goes on the
+// thread that made it, its plain containers may go on any.
+struct Contents {
+    explicit Contents(EntryInfoTree& tree)
+        : folderMap(std::move(tree.folderMap)),
+          fileMap(std::move(tree.fileMap)),
+          excludedFolderKeys(std::move(tree.excludedFolderKeys)),
+          excludedFileKeys(std::move(tree.excludedFileKeys)),
+          clashingFolderKeys(std::move(tree.clashingFolderKeys)),
+          clashingFileKeys(std::move(tree.clashingFileKeys)) {}
+
+    QHash<QString, sync::config::FolderConfiguration> folderMap;
+    QHash<QString, sync::config::FileConfiguration> fileMap;
+    QSet<QString> excludedFolderKeys;
+    QSet<QString> excludedFileKeys;
+    QSet<QString> clashingFolderKeys;
+    QSet<QString> clashingFileKeys;
+};
+
+}  // namespace
+
+TreeRelease::~TreeRelease() {
+    _Wait();
+}
+
+void TreeRelease::Release(std::vector<std::shared_ptr<EntryInfoTree>> trees) {
+    _Wait();
+    auto contents = std::make_unique<std::vector<Contents>>();
+    for (std::shared_ptr<EntryInfoTree>& tree : trees) {
+        // Another owner still reads it: its records stay where they are.
+        if (!tree || tree.use_count() > 1) continue;
+        contents->emplace_back(*tree);
+        tree.reset();
+    }
+    if (contents->empty()) return;
+    try {
+        _thread = std::thread([released = std::move(contents)]() mutable { released.reset(); });
+    } catch (const std::system_error&) {
+        // No thread to be had: the records are freed here, as they always could be.
+    }
+}
+
+void TreeRelease::_Wait() {
+    if (_thread.joinable()) _thread.join();
+}
+
+}  // namespace syncService
+}  // namespace sync

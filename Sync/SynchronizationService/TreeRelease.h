@@ -1,0 +1,32 @@
+#pragma once
+
+#include <memory>
+#include <thread>
+#include <vector>
+
+#include "EntryInfoTree.h"
+
+namespace sync {
+namespace syncService {
+
+// Freeing the three trees of a large root takes a tenth of a second that the rest of the cycle
+// need not wait for. Trees that nobody else holds are emptied here and their records freed on
+// a thread of their own while the cycle goes on; a tree still held elsewhere is just let go.
+// The thread is waited for before the next release and when the object goes.
+class TreeRelease {
+public:
+    TreeRelease() = default;
+    ~TreeRelease();
+    TreeRelease(const TreeRelease&) = delete;
+    TreeRelease& operator=(const TreeRelease&) = delete;
+
+    void Release(std::vector<std::shared_ptr<EntryInfoTree>> trees);
+
+private:
+    void _Wait();
+
+    std::thread _thread;
+};
+
+}  // namespace syncService
+}  // namespace sync
