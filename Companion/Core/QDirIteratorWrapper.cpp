@@ -2,6 +2,7 @@
 
 #include "OpenNameByName.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,6 +12,10 @@
 #include <QFileInfo>
 #include <cerrno>
 #include <cstring>
+#include <system_error>
+#include <utility>
+
+#include <log4cplus/config.hxx>
 
 #include "SyncException.h"
 #include "SyncLog.h"
@@ -125,13 +130,46 @@ private:
     QDirIteratorWrapper::Entry _entry;
 };
 
+// Entries handed over per lock, and batches held ready: enough to keep both threads busy,
+// little enough to keep the memory of a walk small.
+constexpr std::size_t kBatchEntries = 256;
+constexpr std::size_t kBatchesAhead = 4;
+
 }  // namespace
 
-QDirIteratorWrapper::QDirIteratorWrapper(const QString& path, QDir::Filters filters,
-                                         QDirIterator::IteratorFlags flags)
-    // QDirIterator reads NoFilter as AllEntries; narrowing must start from the same set.
-    : _filters(filters == QDir::NoFilter ? QDir::Filters(QDir::AllEntries) : filters),
-      _recursive(flags.testFlag(QDirIterator::Subdirectories)) {
+class QDirIteratorWrapper::Walk {
+public:
+    Walk(QDir::Filters filters, bool recursive) : _filters(filters), _recursive(recursive) {}
+    ~Walk() { _Close(); }
+    Walk(const Walk&) = delete;
+    Walk& operator=(const Walk&) = delete;
+
+    // Throws SyncException when path is not a readable directory.
+    void Start(const QString& path);
+    // The next entry to report into entry; false at the end of the walk.
+    bool Next(Entry& entry);
+
+private:
+    struct Folder {
+        QByteArray native;
+        QString path;  // as the start was given
+        QString absolutePath;
+        bool pathIsAbsolute;  // the two are the same, and built once
+    };
+
+    bool _Open(Folder folder, bool start);
+    void _Close();
+    bool _Take(const struct dirent& listed, Entry& e);
+
+    const QDir::Filters _filters;
+    const bool _recursive;
+    DIR* _dir = nullptr;
+    QByteArray _startNative;
+    Folder _folder;                // the one being listed
+    std::vector<Folder> _toVisit;  // found, not yet listed
+};
+
+void QDirIteratorWrapper::Walk::Start(const QString& path) {
     if (path.isEmpty()) throw SyncException(UnreadableMessage(path));
     Folder start{QFile::encodeName(path), path, QFileInfo(path).absoluteFilePath(), false};
     start.pathIsAbsolute = start.absolutePath == path;
@@ -139,13 +177,9 @@ QDirIteratorWrapper::QDirIteratorWrapper(const QString& path, QDir::Filters filt
     _Open(std::move(start), true);
 }
 
-QDirIteratorWrapper::~QDirIteratorWrapper() {
-    _Close();
-}
-
 // Opens a folder for listing; false when it is gone. The start may be a link to a folder;
 // below it a link is never followed, also when it took a folder's place after the listing.
-bool QDirIteratorWrapper::_Open(Folder folder, bool start) {
+bool QDirIteratorWrapper::Walk::_Open(Folder folder, bool start) {
     int fd = ::open(folder.native.constData(),
                     O_RDONLY | O_DIRECTORY | O_CLOEXEC | (start ? 0 : O_NOFOLLOW));
     if (fd < 0 && !start && errno == ENAMETOOLONG) fd = OpenNameByName(_startNative, folder.native);
@@ -169,31 +203,12 @@ bool QDirIteratorWrapper::_Open(Folder folder, bool start) {
     return true;
 }
 
-void QDirIteratorWrapper::_Close() {
+void QDirIteratorWrapper::Walk::_Close() {
     if (_dir) ::closedir(_dir);
     _dir = nullptr;
 }
 
-std::shared_ptr<sync::interf::IQFileInfoWrapper> QDirIteratorWrapper::FileInfo() {
-    return std::make_shared<WalkedEntryInfo>(_current);
-}
-
-bool QDirIteratorWrapper::HasNext() {
-    return _hasPending || _FetchPending();
-}
-
-QString QDirIteratorWrapper::Next() {
-    if (!HasNext()) {
-        _current = Entry();
-        return QString();
-    }
-    _current = std::move(_pending);
-    _pending = Entry();
-    _hasPending = false;
-    return _current.path;
-}
-
-bool QDirIteratorWrapper::_FetchPending() {
+bool QDirIteratorWrapper::Walk::Next(Entry& entry) {
     for (;;) {
         if (!_dir) {
             if (_toVisit.empty()) return false;
@@ -202,9 +217,9 @@ bool QDirIteratorWrapper::_FetchPending() {
             if (!_Open(std::move(next), false)) continue;
         }
         errno = 0;
-        const struct dirent* entry = ::readdir(_dir);
-        if (entry) {
-            if (_Take(*entry)) return true;
+        const struct dirent* listed = ::readdir(_dir);
+        if (listed) {
+            if (_Take(*listed, entry)) return true;
             continue;
         }
         const int error = errno;
@@ -216,8 +231,8 @@ bool QDirIteratorWrapper::_FetchPending() {
 }
 
 // Queues the entry's folder for the walk when it is to be entered; true when it is reported.
-bool QDirIteratorWrapper::_Take(const struct dirent& entry) {
-    const char* name = entry.d_name;
+bool QDirIteratorWrapper::Walk::_Take(const struct dirent& listed, Entry& e) {
+    const char* name = listed.d_name;
     const size_t length = std::strlen(name);
     const bool dotOrDotDot = name[0] == '.' && (length == 1 || (length == 2 && name[1] == '.'));
     const bool hidden = name[0] == '.' && !dotOrDotDot;
@@ -233,7 +248,7 @@ bool QDirIteratorWrapper::_Take(const struct dirent& entry) {
     } else if (hidden && !reportHidden && !(_recursive && enterHidden)) {
         return false;
     }
-    switch (entry.d_type) {
+    switch (listed.d_type) {
         case DT_LNK:
             if (noLinks) return false;
             break;
@@ -299,11 +314,10 @@ bool QDirIteratorWrapper::_Take(const struct dirent& entry) {
     if (lacks(QDir::Readable, R_OK) || lacks(QDir::Writable, W_OK) || lacks(QDir::Executable, X_OK))
         return false;
 
-    Entry& e = _pending;
     e.name = decoded;
     e.path = path;
     e.absolutePath = absolutePath;
-    if (!decodable) e.undecodableName = EscapeUndecodable(name, length);
+    e.undecodableName = decodable ? QString() : EscapeUndecodable(name, length);
     // A folder's inode size means nothing to the engine: folders have size 0.
     e.size = isDir ? 0 : qint64(st.st_size);
     e.modifiedMs = qint64(st.st_mtim.tv_sec) * 1000 + st.st_mtim.tv_nsec / 1000000;
@@ -312,8 +326,119 @@ bool QDirIteratorWrapper::_Take(const struct dirent& entry) {
     e.isDir = isDir;
     e.isSymLink = link;
     e.isHidden = hidden || dotOrDotDot;
-    _hasPending = true;
     return true;
+}
+
+QDirIteratorWrapper::QDirIteratorWrapper(const QString& path, QDir::Filters filters,
+                                         QDirIterator::IteratorFlags flags)
+    // QDirIterator reads NoFilter as AllEntries; narrowing must start from the same set.
+    : _walk(std::make_unique<Walk>(
+          filters == QDir::NoFilter ? QDir::Filters(QDir::AllEntries) : filters,
+          flags.testFlag(QDirIterator::Subdirectories))) {
+    _walk->Start(path);
+}
+
+QDirIteratorWrapper::~QDirIteratorWrapper() {
+    if (!_reader.joinable()) return;
+    {
+        const std::lock_guard<std::mutex> lock(_mutex);
+        _stop = true;
+    }
+    _drained.notify_one();
+    _reader.join();
+}
+
+std::shared_ptr<sync::interf::IQFileInfoWrapper> QDirIteratorWrapper::FileInfo() {
+    return std::make_shared<WalkedEntryInfo>(_current);
+}
+
+bool QDirIteratorWrapper::HasNext() {
+    for (;;) {
+        if (_next < _batch.entries.size()) return true;
+        if (_batch.error) std::rethrow_exception(std::exchange(_batch.error, nullptr));
+        if (_batch.last) return false;
+        if (!_readingAhead) {
+            // A short walk is read here, as the caller asks: a thread would not pay for itself.
+            if (_readDirectly < kBatchEntries) {
+                _batch.entries.resize(1);
+                _next = 1;  // nothing to take unless the walk gives an entry
+                if (!_walk->Next(_batch.entries[0])) {
+                    _batch.last = true;
+                    return false;
+                }
+                _next = 0;
+                ++_readDirectly;
+                return true;
+            }
+            _StartReadingAhead();
+            if (!_readingAhead) {
+                _readDirectly = 0;  // no thread to be had: go on reading here
+                continue;
+            }
+        }
+        _TakeBatch();
+    }
+}
+
+QString QDirIteratorWrapper::Next() {
+    if (!HasNext()) {
+        _current = Entry();
+        return QString();
+    }
+    _current = std::move(_batch.entries[_next++]);
+    return _current.path;
+}
+
+void QDirIteratorWrapper::_StartReadingAhead() {
+    _batch.entries.clear();
+    _next = 0;
+    try {
+        _reader = std::thread([this] { _ReadAhead(); });
+        _readingAhead = true;
+    } catch (const std::system_error& e) {
+        SYNC_LOG_DEBUG("The local walk reads on without a second thread: %1", e.what());
+    }
+}
+
+void QDirIteratorWrapper::_TakeBatch() {
+    std::unique_lock<std::mutex> lock(_mutex);
+    _filled.wait(lock, [this] { return !_queue.empty(); });
+    _batch = std::move(_queue.front());
+    _queue.pop_front();
+    _next = 0;
+    lock.unlock();
+    _drained.notify_one();
+}
+
+// Runs the walk until it ends or the walker goes away. An error is handed over in its place in
+// the walk, and the walk goes on after it, as it does when the caller reads it directly.
+void QDirIteratorWrapper::_ReadAhead() {
+    bool last = false;
+    while (!last) {
+        Batch batch;
+        try {
+            batch.entries.reserve(kBatchEntries);
+            Entry entry;
+            while (batch.entries.size() < kBatchEntries && !_stop.load(std::memory_order_relaxed)) {
+                if (!_walk->Next(entry)) {
+                    batch.last = true;
+                    break;
+                }
+                batch.entries.push_back(std::move(entry));
+            }
+        } catch (...) {
+            batch.error = std::current_exception();
+        }
+        last = batch.last;
+        std::unique_lock<std::mutex> lock(_mutex);
+        _drained.wait(lock, [this] { return _stop || _queue.size() < kBatchesAhead; });
+        if (_stop) break;
+        _queue.push_back(std::move(batch));
+        lock.unlock();
+        _filled.notify_one();
+    }
+    // What log4cplus keeps for this thread, should it have logged.
+    log4cplus::threadCleanup();
 }
 
 }  // namespace core

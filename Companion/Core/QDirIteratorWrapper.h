@@ -1,12 +1,16 @@
 #pragma once
 
-#include <dirent.h>
-
-#include <QByteArray>
 #include <QDir>
 #include <QDirIterator>
 #include <QString>
+#include <atomic>
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <exception>
 #include <memory>
+#include <mutex>
+#include <thread>
 #include <vector>
 
 #include "IQDirIteratorWrapper.h"
@@ -26,9 +30,12 @@ namespace core {
 //   deleted. So does a start that is not a readable folder.
 // - A folder whose whole path is longer than the system takes is walked all the same, opened
 //   name by name from the start.
-// - A folder or file that another program removes or renames during the walk is simply absent,
-//   like any deleted entry. A folder is opened only when the walk needs its first entry, after
-//   the folder itself was reported (when it is reported at all).
+// - A folder or file that another program removes or renames before the walk reads it is
+//   simply absent, like any deleted entry; each listing is read once, so the walk itself never
+//   reports an entry twice. The first few hundred entries are read as the caller asks for them;
+//   past those a second thread reads a few batches ahead of the caller, so a change made
+//   during a long walk may or may not be seen. An error still reaches the caller after every
+//   entry before it in the walk and not sooner; destroying the walker stops the reading.
 // - A name that is not valid UTF-8 cannot be held in a QString and turned back into the same
 //   bytes. Such an entry is still reported, with a lossy path and its name escaped in
 //   UndecodableName(), and a folder with such a name is never entered.
@@ -65,27 +72,33 @@ public:
     };
 
 private:
-    struct Folder {
-        QByteArray native;
-        QString path;  // as the start was given
-        QString absolutePath;
-        bool pathIsAbsolute;  // the two are the same, and built once
+    class Walk;  // opendir/readdir/fstatat and the filters, one entry at a time
+
+    // Entries in walk order; an error ends the batch where the walk threw it.
+    struct Batch {
+        std::vector<Entry> entries;
+        std::exception_ptr error;
+        bool last = false;  // the walk ends after these
     };
 
-    bool _Open(Folder folder, bool start);
-    void _Close();
-    bool _FetchPending();
-    bool _Take(const struct dirent& entry);
+    void _StartReadingAhead();
+    void _ReadAhead();  // the second thread
+    void _TakeBatch();
 
-    QDir::Filters _filters;
-    bool _recursive;
-    DIR* _dir = nullptr;
-    QByteArray _startNative;
-    Folder _folder;                // the one being listed
-    std::vector<Folder> _toVisit;  // found, not yet listed
+    std::unique_ptr<Walk> _walk;
+    // The caller's side.
+    Batch _batch;
+    std::size_t _next = 0;
+    std::size_t _readDirectly = 0;
+    bool _readingAhead = false;
     Entry _current;
-    Entry _pending;
-    bool _hasPending = false;
+    // Shared with the thread reading ahead.
+    std::mutex _mutex;
+    std::condition_variable _filled;
+    std::condition_variable _drained;
+    std::deque<Batch> _queue;
+    std::atomic<bool> _stop{false};
+    std::thread _reader;
 };
 
 }  // namespace core

@@ -14,14 +14,20 @@
 #include <QFileInfo>
 #include <QRandomGenerator>
 #include <QUrl>
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cctype>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
-#include <deque>
+#include <exception>
 #include <functional>
+#include <iterator>
+#include <mutex>
+#include <system_error>
+#include <thread>
 #include <vector>
 
 #include "CryptographicHash.h"
@@ -942,6 +948,282 @@ Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
 
 // --- Listings -------------------------------------------------------------------------------
 
+namespace {
+
+// A folder the walk has still to list, with the paths its entries' records start with.
+struct PendingFolder {
+    QByteArray native;
+    QString serverPath;  // without a trailing "/"; "" for a root at the server's top
+    QString localPath;
+};
+
+// What listing one folder yields. Each folder's listing is kept apart, so that the folders of
+// one depth can be listed in any order and still be joined in the order of the walk.
+struct FolderListing {
+    QVector<Folder> folders;
+    QVector<File> files;
+    std::vector<PendingFolder> subfolders;
+    int status = 0;
+    // The warning for status; only the failure the walk answers with is logged.
+    std::function<void()> warn;
+};
+
+// strerror's buffer may be shared between threads; this one is the caller's.
+QString ErrorTextOf(int error) {
+    char buffer[256];
+    return QString::fromLocal8Bit(::strerror_r(error, buffer, sizeof buffer));
+}
+
+// The server path of an entry, built at its exact size: trees keep one per entry.
+QString JoinedAtSize(const QString& prefix, const QString& name) {
+    QString joined;
+    joined.reserve(prefix.size() + name.size());
+    joined.append(prefix.constData(), prefix.size());
+    joined.append(name.constData(), name.size());
+    return joined;
+}
+
+// A name given as all-ASCII bytes decodes as itself; only others take the full round trip.
+QString DecodeListedName(const char* name) {
+    const char* c = name;
+    while (*c && static_cast<unsigned char>(*c) < 0x80) ++c;
+    if (!*c) return QString::fromLatin1(name, int(c - name));
+    return DecodeName(name);
+}
+
+// Lists single folders of one root's tree. The threads of a listing share one: listing a
+// folder changes nothing in it.
+class FolderLister {
+public:
+    FolderLister(const Folder& root, const QByteArray& rootNative, bool directOnly)
+        : _rootNative(rootNative),
+          _directOnly(directOnly),
+          _listHidden(root.hasSyncOption(sync::config::SyncHiddenEntries)),
+          _staleBefore(QDateTime::currentSecsSinceEpoch() - 24 * 3600),
+          _tempName(sync::core::consts::TEMP_FOLDER_NAME.toUtf8()),
+          _backupName(sync::core::consts::BASE_FOLDER_NAME.toUtf8()) {}
+
+    // 0, or the status that fails the whole listing. like (when given) is a folder listed before,
+    // whose size this one likely has: room made at once saves growing step by step.
+    int List(const PendingFolder& at, bool isRoot, FolderListing& out,
+             const FolderListing* like = nullptr) const;
+
+private:
+    QByteArray _rootNative;
+    bool _directOnly;
+    bool _listHidden;
+    qint64 _staleBefore;
+    QByteArray _tempName;
+    QByteArray _backupName;
+};
+
+int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
+                       const FolderListing* like) const {
+    const QByteArray& native = at.native;
+    const auto fail = [&out](int status, std::function<void()> warn) {
+        out.warn = std::move(warn);
+        return status;
+    };
+    // The root may be reached through a link; below it a link is never followed. A folder too
+    // deep to be named whole is listed all the same.
+    int fd =
+        ::open(native.constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
+    if (fd < 0 && !isRoot && errno == ENAMETOOLONG) fd = OpenNameByName(_rootNative, native);
+    DIR* dir = OpenDir(fd);
+    if (!dir) {
+        const int error = errno;
+        if (isRoot && (error == ENOENT || error == ENOTDIR)) return sync::http::NotFound;
+        // A folder that vanished after it was listed: its content is unknown, and a tree
+        // without it would read as deletions.
+        const bool vanished = error == ENOENT || error == ENOTDIR || error == ELOOP;
+        return fail(vanished ? sync::http::Conflict : LocalFolderServer::StatusOf(error),
+                    [native, error] {
+                        SYNC_LOG_WARN("Cannot list server folder %1: %2", QString::fromUtf8(native),
+                                      ErrorTextOf(error));
+                    });
+    }
+    DirCloser closer(dir);
+    const int dirFd = ::dirfd(dir);
+    if (!Allowed(dirFd, ".", X_OK))
+        return fail(sync::http::Forbidden, [native] {
+            SYNC_LOG_WARN("Cannot examine the entries of server folder %1",
+                          QString::fromUtf8(native));
+        });
+    const bool writable = Allowed(dirFd, ".", W_OK | X_OK);
+    // Every entry's paths start alike: joined once per folder, not once per entry.
+    if (like) {
+        out.folders.reserve(like->folders.size());
+        out.files.reserve(like->files.size());
+        out.subfolders.reserve(like->subfolders.size());
+    }
+    const QString serverPrefix = at.serverPath + QLatin1Char('/');
+    const QString localPrefix = at.localPath + QLatin1Char('/');
+    for (;;) {
+        errno = 0;
+        const struct dirent* entry = ::readdir(dir);
+        if (!entry) {
+            if (errno == 0) break;
+            const int error = errno;
+            return fail(error == ENOENT ? sync::http::Conflict : LocalFolderServer::StatusOf(error),
+                        [native, error] {
+                            SYNC_LOG_WARN("Listing server folder %1 broke off: %2",
+                                          QString::fromUtf8(native), ErrorTextOf(error));
+                        });
+        }
+        const char* name = entry->d_name;
+        if (IsDotOrDotDot(name) || _tempName == name || _backupName == name) continue;
+        if (IsUploadTemporary(name)) {
+            // Never content, also where hidden entries are listed; one that no upload has
+            // touched for a day was left by a client that died.
+            struct stat st;
+            if (writable && ::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                S_ISREG(st.st_mode) && st.st_ctim.tv_sec < _staleBefore &&
+                ::unlinkat(dirFd, name, 0) == 0)
+                SYNC_LOG_INFO("Removed %1/%2, left by an upload that never finished",
+                              QString::fromUtf8(native), QString::fromUtf8(name));
+            continue;
+        }
+        if (name[0] == '.' && !_listHidden) continue;
+        struct stat st;
+        if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            const int error = errno;
+            // Removed between the listing and the look: as if listed a moment later.
+            if (error == ENOENT) continue;
+            const QByteArray entryName(name);
+            return fail(LocalFolderServer::StatusOf(error), [native, entryName, error] {
+                SYNC_LOG_WARN("Cannot examine server entry %1/%2: %3", QString::fromUtf8(native),
+                              QString::fromUtf8(entryName), ErrorTextOf(error));
+            });
+        }
+        const bool isFolder = S_ISDIR(st.st_mode);
+        if (!isFolder && !S_ISREG(st.st_mode)) {
+            SYNC_LOG_DEBUG("Server entry %1/%2 is no file or folder; not listed",
+                           QString::fromUtf8(native), QString::fromUtf8(name));
+            continue;
+        }
+        const QString decoded = DecodeListedName(name);
+        if (decoded.isNull()) {
+            // The local side leaves such names out too; the user has to rename it.
+            SYNC_LOG_WARN("Leaving out %1 in server folder %2: its name is not valid UTF-8.",
+                          Escaped(name), QString::fromUtf8(native));
+            continue;
+        }
+        const int privileges = PrivilegesOf(dirFd, name, isFolder, writable, &st);
+        if (isFolder) {
+            if (_directOnly) continue;
+            Folder f;
+            f.name = decoded;
+            f.serverPath = f.path = JoinedAtSize(serverPrefix, decoded);
+            f.localPath = JoinedAtSize(localPrefix, decoded);
+            f.setServerFolderId(IdOf(st));
+            f.privileges = privileges;
+            f.privilegeInfo = PrivilegeInfo(privileges);
+            f.lastModified = ModifiedOf(st);
+            QByteArray below = native;
+            if (!below.endsWith('/')) below += '/';
+            below += name;
+            out.subfolders.push_back(PendingFolder{below, f.serverPath, f.localPath});
+            out.folders.append(std::move(f));
+        } else {
+            File f;
+            f.name = decoded;
+            f.serverPath = JoinedAtSize(serverPrefix, decoded);
+            f.localPath = JoinedAtSize(localPrefix, decoded);
+            f.size = qint64(st.st_size);
+            f.serverFileId = IdOf(st);
+            f.properties.insert(QStringLiteral("versionId"), VersionIdOf(st));
+            f.privileges = privileges;
+            f.privilegeInfo = PrivilegeInfo(privileges);
+            f.lastModified = f.serverModified = ModifiedOf(st);
+            out.files.append(std::move(f));
+        }
+    }
+    return 0;
+}
+
+// Below this many folders at one depth the walk stays on the calling thread: starting threads
+// costs more than they save.
+constexpr std::size_t kFoldersWorthThreads = 32;
+
+// Threads for one depth of a wide tree, the calling thread included.
+unsigned ListingThreads() {
+    return std::max(1u, std::min(std::thread::hardware_concurrency(), 4u));
+}
+
+// Lists the folders of one depth into listed (one entry per folder, same order), on several
+// threads when there are many. The status is that of the first failing folder in walk order,
+// as a walk of one folder after the other would meet it; once a failure is seen no further
+// folder is started, and every folder before it has been handed out already.
+int ListDepth(const FolderLister& lister, const std::vector<PendingFolder>& depth, bool isRoot,
+              std::vector<FolderListing>& listed) {
+    listed.clear();
+    listed.resize(depth.size());
+    std::atomic<std::size_t> next{0};
+    std::atomic<bool> failed{false};
+    std::mutex thrownLock;
+    std::exception_ptr thrown;
+    const auto work = [&] {
+        try {
+            const FolderListing* previous = nullptr;
+            while (!failed.load(std::memory_order_relaxed)) {
+                const std::size_t i = next.fetch_add(1, std::memory_order_relaxed);
+                if (i >= depth.size()) return;
+                listed[i].status = lister.List(depth[i], isRoot, listed[i], previous);
+                previous = &listed[i];
+                if (listed[i].status != 0) failed.store(true, std::memory_order_relaxed);
+            }
+        } catch (...) {
+            failed.store(true, std::memory_order_relaxed);
+            const std::lock_guard<std::mutex> lock(thrownLock);
+            if (!thrown) thrown = std::current_exception();
+        }
+    };
+    std::vector<std::thread> helpers;
+    if (depth.size() >= kFoldersWorthThreads) {
+        const unsigned threads = ListingThreads();
+        for (unsigned i = 1; i < threads; ++i) {
+            try {
+                helpers.emplace_back(work);
+            } catch (const std::system_error&) {
+                break;  // no thread to be had: the ones running do the work
+            }
+        }
+    }
+    work();
+    for (std::thread& helper : helpers) helper.join();
+    if (thrown) std::rethrow_exception(thrown);
+    for (const FolderListing& folder : listed) {
+        if (folder.status == 0) continue;
+        if (folder.warn) folder.warn();
+        return folder.status;
+    }
+    return 0;
+}
+
+// Room for extra more records, growing at least by half: a deep tree adds a few records per
+// depth, and room made to measure each time would move all records at every depth.
+template <typename Record>
+void MakeRoom(QVector<Record>& records, std::size_t extra) {
+    using Size = decltype(records.size());
+    const Size needed = records.size() + Size(extra);
+    if (records.capacity() < needed)
+        records.reserve(std::max(needed, records.capacity() + records.capacity() / 2));
+}
+
+// Appends from's records to to, moved, and frees from's room; to takes from whole when it holds
+// nothing yet and has no room reserved for more.
+template <typename Record>
+void MoveAppend(QVector<Record>& to, QVector<Record>& from) {
+    if (to.isEmpty() && to.capacity() == 0) {
+        to = std::move(from);
+        return;
+    }
+    for (Record& record : from) to.append(std::move(record));
+    from = QVector<Record>();
+}
+
+}  // namespace
+
 int LocalFolderServer::GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
                                      std::shared_ptr<QVector<File>> files) {
     return _List(root, false, folders.get(), files.get());
@@ -951,6 +1233,8 @@ int LocalFolderServer::GetRootFiles(Folder& root, std::shared_ptr<QVector<File>>
     return _List(root, true, nullptr, files.get());
 }
 
+// Breadth first, one depth at a time: the folders of a depth may be listed side by side, and
+// joined in their order they give exactly the order of a walk through one queue.
 int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
                              QVector<File>* files) {
     const QDateTime requestTime = QDateTime::currentDateTimeUtc();
@@ -960,128 +1244,34 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
     } catch (const HttpException& e) {
         return e.code;
     }
-    const bool listHidden = root.hasSyncOption(sync::config::SyncHiddenEntries);
-    const qint64 staleBefore = QDateTime::currentSecsSinceEpoch() - 24 * 3600;
-    const QByteArray tempName = sync::core::consts::TEMP_FOLDER_NAME.toUtf8();
-    const QByteArray backupName = sync::core::consts::BASE_FOLDER_NAME.toUtf8();
-
-    struct Pending {
-        QByteArray native;
-        QString below;  // path below the root, "" for the root
-    };
-    std::deque<Pending> toVisit{Pending{rootNative, QString()}};
+    const FolderLister lister(root, rootNative, directOnly);
+    std::vector<PendingFolder> depth{
+        PendingFolder{rootNative, Normalized(root.serverPath), Normalized(root.localPath)}};
+    std::vector<FolderListing> listed;
     QVector<Folder> foundFolders;
     QVector<File> foundFiles;
-    while (!toVisit.empty()) {
-        const Pending current = std::move(toVisit.front());
-        toVisit.pop_front();
-        const bool isRoot = current.below.isEmpty();
-        const QString shown = QString::fromUtf8(current.native);
-        // The root may be reached through a link; below it a link is never followed. A folder
-        // too deep to be named whole is listed all the same.
-        int fd = ::open(current.native.constData(),
-                        O_RDONLY | O_DIRECTORY | O_CLOEXEC | (isRoot ? 0 : O_NOFOLLOW));
-        if (fd < 0 && !isRoot && errno == ENAMETOOLONG)
-            fd = OpenNameByName(rootNative, current.native);
-        DIR* dir = OpenDir(fd);
-        if (!dir) {
-            const int error = errno;
-            if (isRoot && (error == ENOENT || error == ENOTDIR)) return sync::http::NotFound;
-            // A folder that vanished after it was listed: its content is unknown, and a tree
-            // without it would read as deletions.
-            const bool vanished = error == ENOENT || error == ENOTDIR || error == ELOOP;
-            SYNC_LOG_WARN("Cannot list server folder %1: %2", shown,
-                          QString::fromLocal8Bit(std::strerror(error)));
-            return vanished ? sync::http::Conflict : StatusOf(error);
+    for (bool isRoot = true; !depth.empty(); isRoot = false) {
+        if (const int status = ListDepth(lister, depth, isRoot, listed)) return status;
+        std::size_t deeper = 0, folderCount = 0, fileCount = 0;
+        for (const FolderListing& folder : listed) {
+            deeper += folder.subfolders.size();
+            folderCount += std::size_t(folder.folders.size());
+            fileCount += std::size_t(folder.files.size());
         }
-        DirCloser closer(dir);
-        const int dirFd = ::dirfd(dir);
-        if (!Allowed(dirFd, ".", X_OK)) {
-            SYNC_LOG_WARN("Cannot examine the entries of server folder %1", shown);
-            return sync::http::Forbidden;
+        std::vector<PendingFolder> next;
+        next.reserve(deeper);
+        MakeRoom(foundFolders, folderCount);
+        MakeRoom(foundFiles, fileCount);
+        for (FolderListing& folder : listed) {
+            std::move(folder.subfolders.begin(), folder.subfolders.end(), std::back_inserter(next));
+            MoveAppend(foundFolders, folder.folders);
+            MoveAppend(foundFiles, folder.files);
         }
-        const bool writable = Allowed(dirFd, ".", W_OK | X_OK);
-        for (;;) {
-            errno = 0;
-            const struct dirent* entry = ::readdir(dir);
-            if (!entry) {
-                if (errno == 0) break;
-                const int error = errno;
-                SYNC_LOG_WARN("Listing server folder %1 broke off: %2", shown,
-                              QString::fromLocal8Bit(std::strerror(error)));
-                return error == ENOENT ? sync::http::Conflict : StatusOf(error);
-            }
-            const char* name = entry->d_name;
-            if (IsDotOrDotDot(name) || tempName == name || backupName == name) continue;
-            if (IsUploadTemporary(name)) {
-                // Never content, also where hidden entries are listed; one that no upload has
-                // touched for a day was left by a client that died.
-                struct stat st;
-                if (writable && ::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                    S_ISREG(st.st_mode) && st.st_ctim.tv_sec < staleBefore &&
-                    ::unlinkat(dirFd, name, 0) == 0)
-                    SYNC_LOG_INFO("Removed %1/%2, left by an upload that never finished", shown,
-                                  QString::fromUtf8(name));
-                continue;
-            }
-            if (name[0] == '.' && !listHidden) continue;
-            struct stat st;
-            if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-                const int error = errno;
-                // Removed between the listing and the look: as if listed a moment later.
-                if (error == ENOENT) continue;
-                SYNC_LOG_WARN("Cannot examine server entry %1/%2: %3", shown,
-                              QString::fromUtf8(name),
-                              QString::fromLocal8Bit(std::strerror(error)));
-                return StatusOf(error);
-            }
-            const bool isFolder = S_ISDIR(st.st_mode);
-            if (!isFolder && !S_ISREG(st.st_mode)) {
-                SYNC_LOG_DEBUG("Server entry %1/%2 is no file or folder; not listed", shown,
-                               QString::fromUtf8(name));
-                continue;
-            }
-            const QString decoded = DecodeName(name);
-            if (decoded.isNull()) {
-                // The local side leaves such names out too; the user has to rename it.
-                SYNC_LOG_WARN("Leaving out %1 in server folder %2: its name is not valid UTF-8.",
-                              Escaped(name), shown);
-                continue;
-            }
-            const QString below = isRoot ? decoded : current.below + QLatin1Char('/') + decoded;
-            const int privileges = PrivilegesOf(dirFd, name, isFolder, writable, &st);
-            if (isFolder) {
-                if (directOnly) continue;
-                QByteArray native = current.native;
-                if (!native.endsWith('/')) native += '/';
-                native += name;
-                toVisit.push_back(Pending{native, below});
-                Folder f;
-                f.name = decoded;
-                f.serverPath = f.path = sync::core::JoinServerPath(root.serverPath, below);
-                f.localPath = sync::core::JoinServerPath(root.localPath, below);
-                f.setServerFolderId(IdOf(st));
-                f.privileges = privileges;
-                f.privilegeInfo = PrivilegeInfo(privileges);
-                f.lastModified = ModifiedOf(st);
-                foundFolders.append(f);
-            } else {
-                File f;
-                f.name = decoded;
-                f.serverPath = sync::core::JoinServerPath(root.serverPath, below);
-                f.localPath = sync::core::JoinServerPath(root.localPath, below);
-                f.size = qint64(st.st_size);
-                f.serverFileId = IdOf(st);
-                f.properties.insert(QStringLiteral("versionId"), VersionIdOf(st));
-                f.privileges = privileges;
-                f.privilegeInfo = PrivilegeInfo(privileges);
-                f.lastModified = f.serverModified = ModifiedOf(st);
-                foundFiles.append(std::move(f));
-            }
-        }
+        listed.clear();
+        depth = std::move(next);
     }
-    if (folders) *folders += foundFolders;
-    if (files) *files += foundFiles;
+    if (folders) MoveAppend(*folders, foundFolders);
+    if (files) MoveAppend(*files, foundFiles);
     root.setLastServerSyncRequestTime(requestTime);
     return 0;
 }

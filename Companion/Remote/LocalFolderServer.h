@@ -66,7 +66,9 @@ public:
     Results DeleteFolder(Folder& folder) override;
     bool GetFolderInfo(const Folder& folder, Folder& info) override;
     // 0 with the whole tree, 404 when the root is missing, another status when any folder of
-    // the walk could not be read (403) or vanished (409); nothing is filled then.
+    // the walk could not be read (403) or vanished (409); nothing is filled then. Breadth first,
+    // each folder's entries together; the folders of a wide tree are listed on several threads,
+    // with the same result and order as on one.
     int GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
                       std::shared_ptr<QVector<File>> files) override;
     int GetRootFiles(Folder& root, std::shared_ptr<QVector<File>> files) override;

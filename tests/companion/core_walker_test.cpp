@@ -1,14 +1,21 @@
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <QDir>
 #include <QFile>
+#include <QSet>
 #include <QTemporaryDir>
 #include <QUuid>
+#include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <functional>
+#include <future>
+#include <thread>
 
 #include "CoreFactory.h"
 #include "Finally.h"
@@ -269,6 +276,217 @@ TEST_F(WalkerTest, FolderThatGoesAwayBeforeItIsEnteredIsAbsent) {
             ADD_FAILURE() << c.name << ": " << e.what();
         }
         EXPECT_EQ(Sorted(seen), "keep.txt victim") << c.name;
+    }
+}
+
+// Trees of thousands of entries, made and removed through folder handles so that paths beyond
+// PATH_MAX are no obstacle, and listed by the test on its own to check the walk against.
+class BigTreeTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(_dir.isValid());
+        root = QFileInfo(_dir.path()).canonicalFilePath();
+        rootFd = ::open(QFile::encodeName(root).constData(), O_RDONLY | O_DIRECTORY);
+        ASSERT_GE(rootFd, 0);
+    }
+    void TearDown() override {
+        Empty(rootFd);
+        ::close(rootFd);
+    }
+
+    // Makes the folder name in the folder fd; returns it open.
+    static int MakeFolder(int fd, const QByteArray& name) {
+        EXPECT_EQ(::mkdirat(fd, name.constData(), 0700), 0) << name.constData();
+        return ::openat(fd, name.constData(), O_RDONLY | O_DIRECTORY);
+    }
+    // Files f0, f1, ... in the folder fd, of 0 to 6 bytes.
+    static void MakeFiles(int fd, int count) {
+        for (int i = 0; i < count; ++i) {
+            const int file = ::openat(fd, "f" + QByteArray::number(i), O_CREAT | O_WRONLY, 0600);
+            EXPECT_EQ(::write(file, "abcdef", size_t(i % 7)), i % 7);
+            ::close(file);
+        }
+    }
+    // folders folders of files files each, below the root, and files files in it.
+    void MakeFolders(int folders, int files) {
+        MakeFiles(rootFd, files);
+        for (int i = 0; i < folders; ++i) {
+            const int fd = MakeFolder(rootFd, "d" + QByteArray::number(i));
+            MakeFiles(fd, files);
+            ::close(fd);
+        }
+    }
+    // Calls visit with each entry below the folder fd, a folder after its content.
+    static void Visit(int fd, const QString& prefix,
+                      const std::function<void(int, const char*, const QString&, bool)>& visit) {
+        DIR* dir = ::fdopendir(::openat(fd, ".", O_RDONLY | O_DIRECTORY));
+        ASSERT_TRUE(dir);
+        QList<QPair<QByteArray, bool>> entries;  // name, whether a folder
+        while (const struct dirent* e = ::readdir(dir))
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                entries.append({e->d_name, e->d_type == DT_DIR});
+        for (const auto& entry : entries) {
+            const QString path = prefix + "/" + QString::fromUtf8(entry.first);
+            if (entry.second) {
+                const int sub = ::openat(fd, entry.first.constData(), O_RDONLY | O_DIRECTORY);
+                Visit(sub, path, visit);
+                ::close(sub);
+            }
+            visit(fd, entry.first.constData(), path, entry.second);
+        }
+        ::closedir(dir);
+    }
+    static void Empty(int fd) {
+        Visit(fd, QString(), [](int parent, const char* name, const QString&, bool folder) {
+            ::unlinkat(parent, name, folder ? AT_REMOVEDIR : 0);
+        });
+    }
+    // "path/" for a folder, "path size" for anything else, below the root.
+    static QString Described(const QString& path, bool folder, qint64 size) {
+        return folder ? path + "/" : path + " " + QString::number(size);
+    }
+    QStringList ListedByTheTest() const {
+        QStringList listed;
+        Visit(rootFd, QString(), [&](int parent, const char* name, const QString& path, bool dir) {
+            struct stat st;
+            EXPECT_EQ(::fstatat(parent, name, &st, AT_SYMLINK_NOFOLLOW), 0) << name;
+            listed << Described(path, dir, st.st_size);
+        });
+        return listed;
+    }
+    std::shared_ptr<sync::interf::IQDirIteratorWrapper> Walker() const {
+        return sync::factory::CoreFactory().CreateQDirIterator(
+            root, QDir::Files | QDir::Dirs | QDir::NoDotAndDotDot | QDir::NoSymLinks,
+            QDirIterator::Subdirectories);
+    }
+
+    QTemporaryDir _dir;
+    QString root;
+    int rootFd = -1;
+};
+
+// Read ahead in batches, the walk must still give every entry once, as the disk has it, a
+// folder before its content and each folder's content in one run.
+TEST_F(BigTreeTest, LongWalkReportsEveryEntryOnceInWalkOrder) {
+    const struct {
+        const char* name;
+        std::function<void(int rootFd)> make;
+    } cases[] = {
+        {"wide flat folder", [](int fd) { MakeFiles(fd, 2000); }},
+        // 120 names of 40 bytes: the deeper folders are opened name by name.
+        {"deep chain beyond PATH_MAX",
+         [](int fd) {
+             for (int level = 0; level < 120; ++level) {
+                 const int sub = MakeFolder(fd, QByteArray(38, 'c') + QByteArray::number(level));
+                 MakeFiles(sub, 6);
+                 if (level > 0) ::close(fd);
+                 fd = sub;
+             }
+             ::close(fd);
+         }},
+        {"many small folders",
+         [](int fd) {
+             for (int i = 0; i < 15; ++i) {
+                 const int a = MakeFolder(fd, "a" + QByteArray::number(i));
+                 MakeFiles(a, 3);
+                 for (int j = 0; j < 10; ++j) {
+                     const int b = MakeFolder(a, "b" + QByteArray::number(j));
+                     MakeFiles(b, 4);
+                     ::close(b);
+                 }
+                 ::close(a);
+             }
+         }},
+    };
+    for (const auto& c : cases) {
+        c.make(rootFd);
+        QStringList expected = ListedByTheTest();
+        QStringList seen;
+        QSet<QString> folders{QString()};  // reported so far, the root as ""
+        QSet<QString> listedAlready;       // folders whose run of entries has ended
+        QString listing;                   // the folder of the entry before
+        int folderAfterContent = 0;
+        int runsSplit = 0;
+        auto walker = Walker();
+        while (walker->HasNext()) {
+            const QString path = walker->Next();
+            const auto info = walker->FileInfo();
+            const QString relative = path.mid(root.size());
+            const QString folder = relative.section('/', 0, -2);
+            seen << Described(relative, info->IsDir(), info->Size());
+            EXPECT_EQ(info->AbsoluteFilePath(), path) << c.name;
+            if (info->IsDir()) folders.insert(relative);
+            if (!folders.contains(folder)) ++folderAfterContent;
+            if (folder != listing) {
+                if (listedAlready.contains(folder)) ++runsSplit;
+                listedAlready.insert(listing);
+                listing = folder;
+            }
+        }
+        EXPECT_GT(expected.size(), 700) << c.name;
+        EXPECT_EQ(folderAfterContent, 0) << c.name;
+        EXPECT_EQ(runsSplit, 0) << c.name;
+        expected.sort();
+        seen.sort();
+        EXPECT_EQ(seen.size(), expected.size()) << c.name;
+        for (int i = 0; i < std::min(seen.size(), expected.size()); ++i) {
+            if (seen[i] == expected[i]) continue;
+            ADD_FAILURE() << c.name << ": walked " << seen[i].toStdString() << ", listed "
+                          << expected[i].toStdString();
+            break;
+        }
+        Empty(rootFd);
+    }
+}
+
+// The walk read ahead must not deliver the error of a folder before the entries that come
+// before it in the walk, nor any entry after it.
+TEST_F(BigTreeTest, UnreadableFolderFarIntoTheWalkFailsItAfterEveryEntryBefore) {
+    if (::geteuid() == 0) GTEST_SKIP() << "root reads every folder whatever its permissions";
+    MakeFolders(40, 30);
+    QStringList whole;
+    for (auto walker = Walker(); walker->HasNext();) whole << walker->Next();
+    // The first folder whose listing starts past the middle of the walk.
+    int entered = whole.size() / 2;
+    const auto folderOf = [&](int i) { return whole[i].section('/', 0, -2); };
+    while (entered < whole.size() &&
+           (folderOf(entered) == folderOf(entered - 1) || folderOf(entered) == root))
+        ++entered;
+    ASSERT_LT(entered, whole.size());
+    const QString locked = folderOf(entered);
+    ASSERT_EQ(::chmod(QFile::encodeName(locked).constData(), 0), 0);
+    const sync::core::Finally unlock([&] { ::chmod(QFile::encodeName(locked).constData(), 0700); });
+
+    QStringList seen;
+    try {
+        for (auto walker = Walker(); walker->HasNext();) seen << walker->Next();
+        ADD_FAILURE() << "the walk went on past " << locked.toStdString();
+    } catch (const SyncException& e) {
+        EXPECT_TRUE(e.message.contains(locked)) << e.what();
+    }
+    EXPECT_EQ(seen.size(), entered);
+    EXPECT_TRUE(seen == whole.mid(0, entered)) << "not the entries before the error";
+}
+
+// The caller may stop at any point of a long walk (an exit request, an error of its own):
+// destroying the walker must end its reading, whether reading ahead has not begun, runs,
+// waits for room or has ended.
+TEST_F(BigTreeTest, WalkerDestroyedPartWayThroughEndsItsReading) {
+    MakeFolders(10, 200);
+    for (const int taken : {0, 10, 300, 1000, 1900, -1}) {
+        auto walker = Walker();
+        for (int i = 0; (taken < 0 || i < taken) && walker->HasNext(); ++i) walker->Next();
+        // Time for a reader to fill what it may hold and wait for room.
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        auto done = std::make_shared<std::promise<void>>();
+        auto destroyed = done->get_future();
+        // A walker that never lets go is left behind on its thread, failing the case.
+        std::thread([walker = std::move(walker), done]() mutable {
+            walker.reset();
+            done->set_value();
+        }).detach();
+        EXPECT_EQ(destroyed.wait_for(std::chrono::minutes(1)), std::future_status::ready)
+            << "after " << taken << " entries";
     }
 }
 

@@ -8,6 +8,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QHash>
 #include <QSet>
 #include <QTemporaryDir>
 #include <functional>
@@ -695,6 +696,102 @@ TEST_P(RemoteContract, ADeletionLeavesAServerFileChangedSincePlanning) {
     EXPECT_EQ(r.errorCodes.value(412), 1);
     EXPECT_EQ(backend->Content(QStringLiteral("/Docs/edited.txt")), "changed on the server");
     EXPECT_EQ(database->GetFileById(record.id).id, record.id);
+}
+
+// A tree wide enough that its deeper levels are listed on several threads: the listing must
+// still hold every entry once, in the order of a breadth-first walk, and one unreadable folder
+// among hundreds must fail it as a lone one does.
+std::string Sorted(QStringList lines) {
+    lines.sort();
+    return lines.join(QLatin1Char('\n')).toStdString();
+}
+
+TEST(LocalFolderServerListing, AWideTreeListsWholeInWalkOrderOrFailsOnOneUnreadableFolder) {
+    // Children per folder at each depth: 4, then 4 x 12 = 48, then 48 x 6 = 288 folders.
+    const int widths[] = {4, 12, 6};
+    const struct {
+        const char* name;
+        QString locked;  // a folder made unreadable, if any
+        int status;
+    } rows[] = {
+        {"whole tree", QString(), 0},
+        {"unreadable folder deep in a wide level", QStringLiteral("/Docs/d2/d7/d3"), 403},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        if (!row.locked.isEmpty() && ::geteuid() == 0) {
+            std::cout << "[ SKIPPED  ] " << row.name << ": root reads every folder\n";
+            continue;
+        }
+        LocalBackend backend;
+        QStringList expectedFolders, expectedFiles;
+        // Each folder gets one to three files, sized after their paths; "Ü" takes the decoding
+        // of names that are not plain ASCII.
+        const auto fill = [&](const QString& folder, int index) {
+            for (int i = 0; i <= index % 3; ++i) {
+                const QString path = folder + (i == 2 ? QStringLiteral("/Ü%1.txt").arg(i)
+                                                      : QStringLiteral("/f%1.txt").arg(i));
+                const QByteArray content(path.size() % 7 + i, 'x');
+                backend.PutFile(path, content);
+                expectedFiles << QStringLiteral("%1|/home/u%1|%2").arg(path).arg(content.size());
+            }
+        };
+        QStringList level{QStringLiteral("/Docs")};
+        backend.PutFolder(level.first());
+        fill(level.first(), 2);
+        for (const int width : widths) {
+            QStringList deeper;
+            for (const QString& parent : level)
+                for (int i = 0; i < width; ++i) {
+                    const QString folder = parent + QStringLiteral("/d%1").arg(i);
+                    backend.PutFolder(folder);
+                    fill(folder, deeper.size());
+                    expectedFolders << QStringLiteral("%1|/home/u%1").arg(folder);
+                    deeper << folder;
+                }
+            level = deeper;
+        }
+        if (!row.locked.isEmpty()) {
+            ASSERT_TRUE(backend.MakeUnreadable(row.locked));
+        }
+
+        FolderConfiguration root;
+        root.id = root.rootId = 1;
+        root.authenticationId = kAccount;
+        root.serverPath = QStringLiteral("/Docs");
+        root.localPath = QStringLiteral("/home/u/Docs");
+        auto folders = std::make_shared<Folders>();
+        auto files = std::make_shared<Files>();
+        ASSERT_EQ(backend.Folders()->GetFolderTree(root, folders, files), row.status);
+        if (row.status != 0) {
+            EXPECT_TRUE(folders->isEmpty() && files->isEmpty());
+            continue;
+        }
+
+        QStringList listedFolders, listedFiles;
+        for (const FolderConfiguration& f : *folders)
+            listedFolders << QStringLiteral("%1|%2").arg(f.serverPath, f.localPath);
+        for (const FileConfiguration& f : *files)
+            listedFiles << QStringLiteral("%1|%2|%3").arg(f.serverPath, f.localPath).arg(f.size);
+        EXPECT_EQ(Sorted(listedFolders), Sorted(expectedFolders));
+        EXPECT_EQ(Sorted(listedFiles), Sorted(expectedFiles));
+
+        // Breadth first: the entries of each folder come together, and the folders they come
+        // from follow the walk (the root, then the folders in their listed order).
+        QHash<QString, int> walked{{root.serverPath, 0}};
+        for (const FolderConfiguration& f : *folders) walked.insert(f.serverPath, walked.size());
+        const auto checkGrouped = [&](const QStringList& paths, const char* kind) {
+            int previous = 0;
+            for (const QString& path : paths) {
+                const int parent =
+                    walked.value(path.left(path.indexOf(QLatin1Char('|'))).section('/', 0, -2), -1);
+                ASSERT_GE(parent, previous) << kind << " out of walk order: " << path.toStdString();
+                previous = parent;
+            }
+        };
+        checkGrouped(listedFolders, "folder");
+        checkGrouped(listedFiles, "file");
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
