@@ -71,32 +71,53 @@ FileConfiguration ReadFile(const Query& q) {
 // each record gives up its copies of the texts the trees already built hold, as soon as it is
 // read: the next record's texts then reuse that memory, and the 100,000 records of a large root
 // never hold a second copy of their paths all at once.
+void ReadRow(const Query& q, FileConfiguration& file) {
+    RecordCodec::ReadFile(q, file);
+    if (EntryInfoTree::TextSource::Active()) {
+        QString key = EntryInfoTree::KeyOf(file.serverPath);
+        EntryInfoTree::ShareTexts(key, file);
+    }
+}
+
 QVector<FileConfiguration> ReadAll(Query& q, int expected = 0) {
     QVector<FileConfiguration> files;
     files.reserve(expected);
     while (q.Step()) {
         files.append(FileConfiguration());
-        FileConfiguration& file = files.last();
-        RecordCodec::ReadFile(q, file);
-        if (EntryInfoTree::TextSource::Active()) {
-            QString key = EntryInfoTree::KeyOf(file.serverPath);
-            EntryInfoTree::ShareTexts(key, file);
-        }
+        ReadRow(q, files.last());
     }
     return files;
 }
 
+// Reads the rows of q into target[from, to) and any beyond into extra; answers how many went
+// into the target.
+int ReadInto(Query& q, FileConfiguration* target, int from, int to,
+             QVector<FileConfiguration>& extra) {
+    int next = from;
+    while (q.Step()) {
+        if (next < to) {
+            ReadRow(q, target[next++]);
+        } else {
+            extra.append(FileConfiguration());
+            ReadRow(q, extra.last());
+        }
+    }
+    return next - from;
+}
+
 // Decoding the records of a large root costs more than SQLite's own work: the upper half is
-// read on a second thread through the peer connection while this one reads the lower half.
+// read on a second thread through the peer connection while this one reads the lower half,
+// both into one vector made to size, so that no second copy of the records is ever held.
 // Outside a transaction both connections see the same committed rows, and the halves joined
 // in id order are exactly what one read returns.
 QVector<FileConfiguration> ReadSplit(ConfigDatabase::Impl& db, ConfigDatabase::Impl& peer,
                                      int rootId, int expected) {
+    const int lowerSize = expected / 2;
     int middle = 0;
     {
         Query q(db, kMiddleIdByRoot);
         q.Bind(1, rootId);
-        q.Bind(2, expected / 2);
+        q.Bind(2, lowerSize);
         if (!q.Step()) {
             Query all(db, kByRoot);
             all.Bind(1, rootId);
@@ -104,7 +125,10 @@ QVector<FileConfiguration> ReadSplit(ConfigDatabase::Impl& db, ConfigDatabase::I
         }
         middle = q.Int(0);
     }
-    QVector<FileConfiguration> upper;
+    QVector<FileConfiguration> files(expected);
+    FileConfiguration* const target = files.data();
+    QVector<FileConfiguration> lowerExtra, upperExtra;
+    int upperRead = 0;
     std::exception_ptr upperFailure;
     const EntryInfoTree::TextSource* texts = EntryInfoTree::TextSource::OfThisThread();
     std::thread reader([&] {
@@ -113,26 +137,34 @@ QVector<FileConfiguration> ReadSplit(ConfigDatabase::Impl& db, ConfigDatabase::I
             Query q(peer.Checked(), kByRootFrom);
             q.Bind(1, rootId);
             q.Bind(2, middle);
-            upper = ReadAll(q, expected - expected / 2);
+            upperRead = ReadInto(q, target, lowerSize, expected, upperExtra);
         } catch (...) {
             upperFailure = std::current_exception();
         }
     });
-    QVector<FileConfiguration> files;
+    int lowerRead = 0;
     try {
         Query q(db, kByRootBelow);
         q.Bind(1, rootId);
         q.Bind(2, middle);
-        files = ReadAll(q, expected);
+        lowerRead = ReadInto(q, target, 0, lowerSize, lowerExtra);
     } catch (...) {
         reader.join();
         throw;
     }
     reader.join();
     if (upperFailure) std::rethrow_exception(upperFailure);
-    files.reserve(files.size() + upper.size());
-    for (FileConfiguration& file : upper) files.append(std::move(file));
-    return files;
+    if (lowerRead == lowerSize && lowerExtra.isEmpty() && upperExtra.isEmpty() &&
+        upperRead == expected - lowerSize)
+        return files;
+    // Another program changed the root's records between the count and the read.
+    QVector<FileConfiguration> joined;
+    joined.reserve(lowerRead + lowerExtra.size() + upperRead + upperExtra.size());
+    for (int i = 0; i < lowerRead; ++i) joined.append(std::move(target[i]));
+    for (FileConfiguration& file : lowerExtra) joined.append(std::move(file));
+    for (int i = lowerSize; i < lowerSize + upperRead; ++i) joined.append(std::move(target[i]));
+    for (FileConfiguration& file : upperExtra) joined.append(std::move(file));
+    return joined;
 }
 
 }  // namespace
