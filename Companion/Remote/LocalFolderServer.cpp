@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "CryptographicHash.h"
+#include "EntryInfoTree.h"
 #include "HttpException.h"
 #include "QFileWrapper.h"
 #include "ServerPaths.h"
@@ -991,6 +992,18 @@ QString DecodeListedName(const char* name) {
     return DecodeName(name);
 }
 
+// During a planning pass the trees already built name the same entries: a record listed takes
+// their strings for its equal texts at once, on the thread that lists it, so that its own copies
+// are freed where they were made and reused for the next entry instead of lingering in that
+// thread's memory until the tree is built.
+template <typename Record>
+void ShareTextsOfTrees(Record& record) {
+    using sync::syncService::EntryInfoTree;
+    if (!EntryInfoTree::TextSource::Active()) return;
+    QString key = EntryInfoTree::KeyOf(record.serverPath);
+    EntryInfoTree::ShareTexts(key, record);
+}
+
 // Lists single folders of one root's tree. The threads of a listing share one: listing a
 // folder changes nothing in it.
 class FolderLister {
@@ -1123,6 +1136,7 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
             if (!below.endsWith('/')) below += '/';
             below += name;
             out.subfolders.push_back(PendingFolder{below, f.serverPath, f.localPath});
+            ShareTextsOfTrees(f);
             out.folders.append(std::move(f));
         } else {
             File f;
@@ -1135,6 +1149,7 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
             f.privileges = privileges;
             f.privilegeInfo = PrivilegeInfo(privileges);
             f.lastModified = f.serverModified = ModifiedOf(st);
+            ShareTextsOfTrees(f);
             out.files.append(std::move(f));
         }
     }
@@ -1162,7 +1177,10 @@ int ListDepth(const FolderLister& lister, const std::vector<PendingFolder>& dept
     std::atomic<bool> failed{false};
     std::mutex thrownLock;
     std::exception_ptr thrown;
+    const sync::syncService::EntryInfoTree::TextSource* texts =
+        sync::syncService::EntryInfoTree::TextSource::OfThisThread();
     const auto work = [&] {
+        const sync::syncService::EntryInfoTree::TextSource::Lent lent(texts);
         try {
             const FolderListing* previous = nullptr;
             while (!failed.load(std::memory_order_relaxed)) {
