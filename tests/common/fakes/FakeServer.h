@@ -80,11 +80,16 @@ public:
         QByteArray content;
         int privileges = sync::config::PrivilegeAll;
         QDateTime modified;  // UTC, whole seconds
+        // The hash of content as last listed, with the content it was made of: listings of a
+        // large tree would otherwise hash every file again each time.
+        mutable QByteArray hashed;
+        mutable QString hash;
     };
 
     // Off: listings leave serverChecksum empty, as servers that keep no hashes do.
     bool reportsHashes = true;
-    // On: a listing of a root that has not changed since its previous listing answers 304.
+    // On: a listing of a root that has not changed since its previous listing (while this was
+    // on) answers 304.
     bool answersNotModified = false;
     // With a database, the transfer clients settle the records of what they transferred, as the
     // real clients must: a download stores its file's record (new ones included) with the
@@ -132,6 +137,8 @@ public:
     const Entry* Find(const QString& path) const;
     // The records a listing of root gives for an entry below it.
     File FileRecord(const Entry& entry, const Folder& root) const;
+    // The hash of the entry's content, made again only when the content changed.
+    static const QString& HashOf(const Entry& entry);
     Folder FolderRecord(const Entry& entry, const Folder& root) const;
     // One line per entry, sorted: `server /Docs/a.txt v2 "hello"`, `server /Docs/sub/`, with
     // " privileges N" added where they are not all granted.
