@@ -1,7 +1,8 @@
 // Status monitoring of a large root folder against the SQLite database: Start over 100,000 file
-// tasks in 10,000 folders, one UpdateFile per file as the workers report them, and End. Prints
-// the time of each phase and the database statements it cost, counted by wrappers around the
-// managers and the transaction backend.
+// tasks in 10,000 folders, one UpdateFile per file as the workers report them, and End; then the
+// local folder creation worker making 10,000 new folders on the disk under a second root, with
+// the monitor. Prints the time of each phase and the database statements it cost, counted by
+// wrappers around the managers and the transaction backend.
 //
 // Usage: status_monitor_bench [folders] [filesPerFolder]   (defaults 10000 and 10). The folders
 // are 100 top folders under the root, each holding an equal share of the others.
@@ -9,7 +10,9 @@
 #include <sys/resource.h>
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
+#include <QFileInfo>
 #include <QTemporaryDir>
 #include <algorithm>
 #include <cstdio>
@@ -17,8 +20,10 @@
 #include <memory>
 
 #include "ConfigDatabase.h"
+#include "CoreFactory.h"
 #include "FileConfigManager.h"
 #include "FolderConfigManager.h"
+#include "LocalFolderCreationWorker.h"
 #include "SyncLog.h"
 #include "SyncStatusMonitor.h"
 #include "SyncTaskDepot.h"
@@ -260,11 +265,57 @@ int main(int argc, char** argv) {
     Measure("End", [&] { monitor.End(); });
     const double seconds = total.nsecsElapsed() / 1e9;
 
+    // New folders made on the disk by their worker: one database record each, and their statuses.
+    FolderConfiguration fresh;
+    fresh.authenticationId = 1;
+    fresh.localPath = dir.filePath(QStringLiteral("made"));
+    fresh.serverPath = QStringLiteral("/Made");
+    fresh.syncStatus = FolderSynchronizationStatus::Synchronized;
+    QDir().mkpath(fresh.localPath);
+    realFolders->AddFolder(fresh);
+    SyncTaskDepot creations;
+    for (int i = 0; i < folderCount; ++i) {
+        const bool top = i < topCount;
+        const QString below = top ? QStringLiteral("/top-%1").arg(i)
+                                  : QStringLiteral("/top-%1/folder-%2").arg(i % topCount).arg(i);
+        FolderConfiguration folder;
+        folder.authenticationId = 1;
+        folder.rootId = folder.inheritedId = fresh.id;
+        folder.name = below.section(QLatin1Char('/'), -1);
+        folder.localPath = fresh.localPath + below;
+        folder.serverPath = fresh.serverPath + below;
+        FolderSyncTask task(LocalFolderCreation, folder, Added, NoChange, nullptr, nullptr, nullptr,
+                            nullptr, nullptr);
+        creations.AddSyncTask(task);
+    }
+    SyncStatusMonitor creationMonitor(std::make_shared<CountingFolders>(realFolders),
+                                      std::make_shared<CountingFiles>(realFiles));
+    LocalFolderCreationWorker worker(std::make_shared<sync::factory::CoreFactory>(),
+                                     std::make_shared<CountingFolders>(realFolders),
+                                     std::make_shared<CountingFiles>(realFiles));
+    int made = 0;
+    Measure("LocalFolderCreation (worker)", [&] {
+        creationMonitor.Start(fresh, creations);
+        const sync::core::SyncResults results =
+            worker.Work(fresh, creations.GetSyncTaskList(LocalFolderCreation), creationMonitor);
+        creationMonitor.End();
+        (void)results;
+    });
+    const auto createdTasks = creations.GetSyncTaskList(LocalFolderCreation);
+    for (const auto& task : *createdTasks)
+        if (QFileInfo(task->GetFolderConfig().localPath).isDir()) ++made;
+    std::printf("folders made on the disk: %d of %d checked\n", made, folderCount);
+
+    const double allSeconds = total.nsecsElapsed() / 1e9;
     const FolderConfiguration after = realFolders->GetFolderById(root.id);
     std::printf(
-        "total %.3f s, %ld statements; root status %d (2 = OutOfSync expected); peak RSS %ld KiB\n",
-        seconds, g_counts.Total(), static_cast<int>(after.getSyncStatus()), PeakRssKb());
+        "monitor total %.3f s; all phases %.3f s, %ld statements; root status %d (2 = OutOfSync "
+        "expected); peak RSS %ld KiB\n",
+        seconds, allSeconds, g_counts.Total(), static_cast<int>(after.getSyncStatus()),
+        PeakRssKb());
     sync::database::TransactionalScope::SetBackend(nullptr);
     sync::database::ConfigDatabase::Uninstall();
-    return after.getSyncStatus() == FolderSynchronizationStatus::OutOfSync ? 0 : 1;
+    return after.getSyncStatus() == FolderSynchronizationStatus::OutOfSync && made == folderCount
+               ? 0
+               : 1;
 }
