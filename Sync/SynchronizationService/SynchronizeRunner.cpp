@@ -159,7 +159,7 @@ std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& r
     _ProcessFiles(root, localTree, configTree, serverTree, serverChange, localChange, *depot);
     _ProcessFolders(root, localTree, configTree, serverTree, serverChange, localChange, *depot);
     _UpdateFileAndFolderPropertiesInDatabase(configTree, serverTree, *depot);
-    _treeRelease.Release({std::move(localTree), std::move(configTree), std::move(serverTree)});
+    _treeRelease.Release({&localTree, &configTree, &serverTree});
     return depot;
 }
 

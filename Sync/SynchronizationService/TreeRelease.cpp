@@ -33,21 +33,24 @@ TreeRelease::~TreeRelease() {
     _Wait();
 }
 
-void TreeRelease::Release(std::vector<std::shared_ptr<EntryInfoTree>> trees) {
+int TreeRelease::Release(std::initializer_list<std::shared_ptr<EntryInfoTree>*> trees) {
     _Wait();
     auto contents = std::make_unique<std::vector<Contents>>();
-    for (std::shared_ptr<EntryInfoTree>& tree : trees) {
+    for (std::shared_ptr<EntryInfoTree>* owner : trees) {
+        // Taken from the caller, so that the count below is of the real owners.
+        std::shared_ptr<EntryInfoTree> tree = std::move(*owner);
         // Another owner still reads it: its records stay where they are.
         if (!tree || tree.use_count() > 1) continue;
         contents->emplace_back(*tree);
-        tree.reset();
     }
-    if (contents->empty()) return;
+    const int taken = static_cast<int>(contents->size());
+    if (taken == 0) return 0;
     try {
         _thread = std::thread([released = std::move(contents)]() mutable { released.reset(); });
     } catch (const std::system_error&) {
         // No thread to be had: the records are freed here, as they always could be.
     }
+    return taken;
 }
 
 void TreeRelease::_Wait() {

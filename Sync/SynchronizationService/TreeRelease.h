@@ -1,5 +1,6 @@
 #pragma once
 
+#include <initializer_list>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -20,7 +21,10 @@ public:
     TreeRelease(const TreeRelease&) = delete;
     TreeRelease& operator=(const TreeRelease&) = delete;
 
-    void Release(std::vector<std::shared_ptr<EntryInfoTree>> trees);
+    // Takes the trees out of the given pointers, which are left empty, and returns how many were
+    // handed to the thread. Pointers rather than values: a braced list of shared pointers is
+    // copied, never moved, and its copies would keep every tree alive here.
+    int Release(std::initializer_list<std::shared_ptr<EntryInfoTree>*> trees);
 
 private:
     void _Wait();

@@ -262,7 +262,11 @@ TEST(EntryInfoTreeTest, ReleasedTreesLeaveWhatOthersHoldIntact) {
         copies.append(alone->fileMap.value(QStringLiteral("/a/f%1.txt").arg(i)));
     {
         sync::syncService::TreeRelease release;
-        release.Release({std::move(alone), std::move(shared)});
+        // Only the tree nobody else holds goes to the thread, and the caller's pointers are
+        // emptied: a copy left with the caller would free the tree on the caller's thread.
+        EXPECT_EQ(release.Release({&alone, &shared}), 1);
+        EXPECT_EQ(alone, nullptr);
+        EXPECT_EQ(shared, nullptr);
         EXPECT_EQ(stillHeld->fileMap.size(), 2000);
     }
     EXPECT_EQ(stillHeld->fileMap.value(QStringLiteral("/s/f7.txt")).localPath,
