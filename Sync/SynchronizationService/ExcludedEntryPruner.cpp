@@ -1,7 +1,9 @@
 #include "ExcludedEntryPruner.h"
 
 #include <QStringList>
+#include <QStringView>
 
+#include "ParallelScan.h"
 #include "SyncConsts.h"
 #include "SyncLog.h"
 
@@ -64,13 +66,13 @@ private:
         return false;
     }
 
-    // A plain scan: this runs for every key of the three trees, and QString's substring
-    // search costs several times more for a two-character needle.
+    // Runs for every key of the three trees. Qt's search for one character is vectorised,
+    // and a name holds few dots: jumping from dot to dot beats a scan for "/." by far.
     static bool _HasNameStartingWithDot(const QString& key, int from) {
-        const QChar* data = key.constData();
-        const int last = key.size() - 1;
-        for (int i = from; i < last; ++i)
-            if (data[i].unicode() == u'/' && data[i + 1].unicode() == u'.') return true;
+        const QStringView view(key);
+        for (qsizetype dot = view.indexOf(QLatin1Char('.'), from + 1); dot > 0;
+             dot = view.indexOf(QLatin1Char('.'), dot + 1))
+            if (view.at(dot - 1) == QLatin1Char('/')) return true;
         return false;
     }
 
@@ -91,8 +93,9 @@ private:
 template <typename Map, typename Excluded>
 int RemoveIf(Map& map, Excluded excluded) {
     QStringList doomed;
-    for (auto it = map.constBegin(); it != map.constEnd(); ++it)
-        if (excluded(it.key())) doomed.append(it.key());
+    for (const auto& it : ParallelScan(
+             map, [&](typename Map::const_iterator entry) { return excluded(entry.key()); }))
+        doomed.append(it.key());
     for (const QString& key : doomed) map.remove(key);
     return doomed.size();
 }

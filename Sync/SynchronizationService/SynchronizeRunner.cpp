@@ -4,6 +4,7 @@
 
 #include "ExcludedEntryPruner.h"
 #include "FolderUtilities.h"
+#include "ParallelScan.h"
 #include "SyncLog.h"
 #include "TransactionalScope.h"
 
@@ -16,6 +17,8 @@ using sync::config::FolderConfiguration;
 using sync::config::FolderSynchronizationStatus;
 
 namespace {
+
+using FileMap = QHash<QString, FileConfiguration>;
 
 const QString kVersion = QStringLiteral("version");
 const QString kVersionId = QStringLiteral("versionId");
@@ -165,10 +168,14 @@ std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& r
 
 void SynchronizeRunner::_CopyPrivilegesFromServerToLocalFiles(const TreePtr& serverTree,
                                                               const TreePtr& localTree) {
-    for (auto it = serverTree->fileMap.constBegin(); it != serverTree->fileMap.constEnd(); ++it) {
-        const auto local = localTree->fileMap.find(it.key());
-        if (local != localTree->fileMap.end()) local->privileges = it->privileges;
-    }
+    // Found first, written after: the privileges rarely differ, and the search reads only.
+    const auto& localFiles = std::as_const(localTree->fileMap);
+    const auto differing = ParallelScan(serverTree->fileMap, [&](FileMap::const_iterator server) {
+        const auto local = localFiles.constFind(server.key());
+        return local != localFiles.constEnd() && local->privileges != server->privileges;
+    });
+    for (const auto& server : differing)
+        localTree->fileMap[server.key()].privileges = server->privileges;
 }
 
 void SynchronizeRunner::_AddSynchronizedFilesAndFoldersToDatabase(const TreePtr& localTree,
@@ -230,15 +237,17 @@ void SynchronizeRunner::_AddSynchronizedFiles(const TreePtr& localTree, const Tr
                                               const FolderConfiguration& root) {
     // Only a file whose size matches and for which the server names a checksum can be proven
     // equal; hashing any other file would cost a read for nothing.
+    const auto& configFiles = std::as_const(configTree->fileMap);
+    const auto& serverFiles = std::as_const(serverTree->fileMap);
+    const auto found = ParallelScan(localTree->fileMap, [&](FileMap::const_iterator it) {
+        if (configFiles.contains(it.key())) return false;
+        const auto server = serverFiles.constFind(it.key());
+        return server != serverFiles.constEnd() && !server->serverChecksum.isEmpty() &&
+               server->size == it->size;
+    });
+    if (found.empty()) return;
     QStringList candidates;
-    for (auto it = localTree->fileMap.constBegin(); it != localTree->fileMap.constEnd(); ++it) {
-        if (configTree->fileMap.contains(it.key())) continue;
-        const auto server = serverTree->fileMap.constFind(it.key());
-        if (server == serverTree->fileMap.constEnd()) continue;
-        if (server->serverChecksum.isEmpty() || server->size != it->size) continue;
-        candidates.append(it.key());
-    }
-    if (candidates.isEmpty()) return;
+    for (const auto& it : found) candidates.append(it.key());
 
     const auto hash = _coreFactory->CreateCryptographicHash();
     QStringList added;
@@ -318,15 +327,17 @@ void SynchronizeRunner::_UpdateFileAndFolderPropertiesInDatabase(const TreePtr& 
 
     // Read first, write after: most passes write nothing, and the trees are read without
     // taking a private copy of them.
+    const auto& serverFiles = std::as_const(serverTree->fileMap);
+    const auto differing = ParallelScan(configTree->fileMap, [&](FileMap::const_iterator it) {
+        if (it->id <= 0 || planned.contains(it.key())) return false;
+        const auto server = serverFiles.constFind(it.key());
+        return server != serverFiles.constEnd() &&
+               (it->privileges != server->privileges ||
+                it->privilegeInfo != server->privilegeInfo ||
+                !SameAttributes(server->properties, it->properties));
+    });
     QStringList files;
-    for (auto it = configTree->fileMap.constBegin(); it != configTree->fileMap.constEnd(); ++it) {
-        if (it->id <= 0 || planned.contains(it.key())) continue;
-        const auto server = serverTree->fileMap.constFind(it.key());
-        if (server == serverTree->fileMap.constEnd()) continue;
-        if (it->privileges != server->privileges || it->privilegeInfo != server->privilegeInfo ||
-            !SameAttributes(server->properties, it->properties))
-            files.append(it.key());
-    }
+    for (const auto& it : differing) files.append(it.key());
     QStringList folders;
     for (auto it = configTree->folderMap.constBegin(); it != configTree->folderMap.constEnd();
          ++it) {

@@ -9,6 +9,7 @@
 #include "FakeConfigStore.h"
 #include "FakeCore.h"
 #include "LocalEntryInfoTreeRetriever.h"
+#include "ParallelScan.h"
 #include "RetrieverTestDoubles.h"
 #include "TreeRelease.h"
 
@@ -276,5 +277,27 @@ TEST(EntryInfoTreeTest, ReleasedTreesLeaveWhatOthersHoldIntact) {
         EXPECT_EQ(copies[n].localPath, QStringLiteral("/home/a/f%1.txt").arg(i));
         EXPECT_EQ(copies[n].properties.value(QStringLiteral("versionId")),
                   QStringLiteral("v%1").arg(i));
+    }
+}
+
+// The passes over the trees find their few entries on two threads and then handle them one by
+// one: the handling must see exactly the entries a plain walk would, in the same order, or
+// change sets and database writes would differ from run to run.
+TEST(EntryInfoTreeTest, ParallelScanFindsWhatAPlainWalkFindsInItsOrder) {
+    for (const int size : {0, 5, 1023, 1024, 5000, 40001}) {
+        QHash<QString, int> map;
+        for (int i = 0; i < size; ++i) map.insert(QStringLiteral("/root/f%1").arg(i), i);
+        for (const int every : {1, 3, 1000, size + 1}) {
+            std::vector<QHash<QString, int>::const_iterator> expected;
+            for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+                if (it.value() % every == 0) expected.push_back(it);
+            const auto found = sync::syncService::ParallelScan(
+                map,
+                [&](QHash<QString, int>::const_iterator it) { return it.value() % every == 0; });
+            ASSERT_EQ(found.size(), expected.size()) << size << " entries, every " << every;
+            for (std::size_t i = 0; i < found.size(); ++i)
+                ASSERT_TRUE(found[i] == expected[i])
+                    << size << " entries, every " << every << ", at " << i;
+        }
     }
 }
