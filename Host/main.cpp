@@ -633,6 +633,7 @@ int RunLog(const Arguments& a, HostSetup& setup) {
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    HostSetup::TuneAllocator();
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("foldersync"));
     sync::core::RegisterSyncMetaTypes();

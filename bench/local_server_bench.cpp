@@ -84,6 +84,8 @@ double Cycle(sync::host::HostSetup& setup, sync::core::SyncResults& total, doubl
 }  // namespace
 
 int main(int argc, char* argv[]) {
+    // As the program does.
+    sync::host::HostSetup::TuneAllocator();
     QCoreApplication app(argc, argv);
     sync::core::RegisterSyncMetaTypes();
     sync::core::ConfigureLogging(QStringLiteral("WARN"));
