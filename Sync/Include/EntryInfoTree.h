@@ -196,6 +196,18 @@ public:
         }
     }
 
+    // The key of a file record about to be put, its texts shared as ShareTexts does. A record
+    // whose serverPath is already held elsewhere was given an earlier tree's texts as it was
+    // read (a reader lending this thread's TextSource does that); a path without capitals is
+    // then the very string the earlier tree holds as its key, and a second lookup would find
+    // nothing more to share.
+    static QString SharedKeyOf(sync::config::FileConfiguration& record) {
+        const bool sharedOnRead = !record.serverPath.isDetached();
+        QString key = KeyOf(record.serverPath);
+        if (!sharedOnRead || !key.isSharedWith(record.serverPath)) ShareTexts(key, record);
+        return key;
+    }
+
     QHash<QString, sync::config::FolderConfiguration> folderMap;
     QHash<QString, sync::config::FileConfiguration> fileMap;
 

@@ -38,8 +38,7 @@ std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
     QVector<ReplacedFile> replaced;
     int duplicates = 0;
     EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
-        QString key = EntryInfoTree::KeyOf(file.serverPath);
-        EntryInfoTree::ShareTexts(key, file);
+        const QString key = EntryInfoTree::SharedKeyOf(file);
         // One lookup for the usual case of a new key: the slot made for it is filled.
         const auto sizeBefore = tree->fileMap.size();
         FileConfiguration& slot = tree->fileMap[key];

@@ -123,14 +123,13 @@ bool ServerEntryInfoTreeRetriever::_AddFiles(QVector<FileConfiguration>& files, 
     // The listing is ours and dies here: its records move into the tree.
     return EntryInfoTree::Drain(files, [&](FileConfiguration&& file) {
         if (checkForExit.ShouldExit()) return false;
-        QString key = EntryInfoTree::KeyOf(file.serverPath);
+        const QString key = EntryInfoTree::SharedKeyOf(file);
         if (_FilterFile(file) || _FilterFileNameByMaxLength(file)) {
             ++filteredCount;
             tree.excludedFileKeys.insert(key);
             SYNC_LOG_DEBUG("Filtered out server file %1", file.serverPath);
             return true;
         }
-        EntryInfoTree::ShareTexts(key, file);
         const QStringList clash =
             tree.PutWalked(tree.fileMap, tree.excludedFileKeys, tree.clashingFileKeys, key,
                            std::move(file), &FileConfiguration::serverPath);
