@@ -67,14 +67,16 @@ public:
 #endif
     }
 
-    // Hands every record of `records` to `take` in order, moved out, and gives the vector's
-    // storage back as it goes: a listing of 100,000 records and the tree made of it would
-    // otherwise both be alive at full size. Stops, leaving the vector empty, when `take`
-    // returns false; returns whether every record was taken.
+    // Hands every record of `records` to `take` in order, moved out. With `compact`, gives the
+    // vector's storage back as it goes: the last listing of a pass and the tree made of it
+    // would otherwise both be alive at full size while the other trees are. Giving it back
+    // costs fresh memory and a move for what is left, so a read that is not the peak of the
+    // pass does without. Stops, leaving the vector empty, when `take` returns false; returns
+    // whether every record was taken.
     template <typename Record, typename Take>
-    static bool Drain(QVector<Record>& records, Take take) {
-        // Every step moves what is left into a vector of its own size, once a quarter of the
-        // current one has been taken: each record moves a few times at most.
+    static bool Drain(QVector<Record>& records, bool compact, Take take) {
+        // Every step moves what is left into a vector of its own size, once half of the
+        // current one has been taken: each record moves once more on average.
         constexpr qsizetype MinimumStep = 1024;
         qsizetype next = 0;
         while (next < records.size()) {
@@ -84,7 +86,7 @@ public:
             }
             ++next;
             const qsizetype left = records.size() - next;
-            if (next >= MinimumStep && next * 4 >= records.size() && left > 0) {
+            if (compact && next >= MinimumStep && next * 2 >= records.size() && left > 0) {
                 QVector<Record> rest;
                 rest.reserve(left);
                 for (qsizetype i = next; i < records.size(); ++i)

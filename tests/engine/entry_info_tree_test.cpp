@@ -58,7 +58,7 @@ TEST(EntryInfoTreeTest, DrainHandsOverEveryRecordInOrder) {
         QVector<QString> records;
         for (int i = 0; i < row.count; ++i) records.append(QString("record %1").arg(i));
         QStringList taken;
-        const bool all = EntryInfoTree::Drain(records, [&](QString&& record) {
+        const bool all = EntryInfoTree::Drain(records, /*compact=*/true, [&](QString&& record) {
             if (taken.size() == row.refuseAt) return false;
             taken.append(std::move(record));
             return true;
