@@ -35,26 +35,31 @@ TreeRelease::~TreeRelease() {
 
 int TreeRelease::Release(std::initializer_list<std::shared_ptr<EntryInfoTree>*> trees) {
     _Wait();
-    auto contents = std::make_unique<std::vector<Contents>>();
+    _threads.reserve(trees.size());
+    int taken = 0;
     for (std::shared_ptr<EntryInfoTree>* owner : trees) {
         // Taken from the caller, so that the count below is of the real owners.
         std::shared_ptr<EntryInfoTree> tree = std::move(*owner);
         // Another owner still reads it: its records stay where they are.
         if (!tree || tree.use_count() > 1) continue;
-        contents->emplace_back(*tree);
-    }
-    const int taken = static_cast<int>(contents->size());
-    if (taken == 0) return 0;
-    try {
-        _thread = std::thread([released = std::move(contents)]() mutable { released.reset(); });
-    } catch (const std::system_error&) {
-        // No thread to be had: the records are freed here, as they always could be.
+        // One thread per tree: each tree's texts were mostly made by threads of their own (the
+        // walk, the database read, the listing), so the frees mostly go to different heaps of
+        // the allocator instead of queueing for one.
+        auto contents = std::make_unique<Contents>(*tree);
+        ++taken;
+        try {
+            _threads.emplace_back([released = std::move(contents)]() mutable { released.reset(); });
+        } catch (const std::system_error&) {
+            // No thread to be had: the records are freed here, as they always could be.
+        }
     }
     return taken;
 }
 
 void TreeRelease::_Wait() {
-    if (_thread.joinable()) _thread.join();
+    for (std::thread& thread : _threads)
+        if (thread.joinable()) thread.join();
+    _threads.clear();
 }
 
 }  // namespace syncService

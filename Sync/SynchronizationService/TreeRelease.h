@@ -12,8 +12,8 @@ namespace syncService {
 
 // Freeing the three trees of a large root takes a tenth of a second that the rest of the cycle
 // need not wait for. Trees that nobody else holds are emptied here and their records freed on
-// a thread of their own while the cycle goes on; a tree still held elsewhere is just let go.
-// The thread is waited for before the next release and when the object goes.
+// threads of their own while the cycle goes on; a tree still held elsewhere is just let go.
+// The threads are waited for before the next release and when the object goes.
 class TreeRelease {
 public:
     TreeRelease() = default;
@@ -29,7 +29,7 @@ public:
 private:
     void _Wait();
 
-    std::thread _thread;
+    std::vector<std::thread> _threads;
 };
 
 }  // namespace syncService
