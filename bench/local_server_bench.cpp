@@ -130,9 +130,10 @@ int main(int argc, char* argv[]) {
     // listing. From now on the server answers 304 until something changes there.
     double idleCpu = 0;
     const double idle = Cycle(setup, total, idleCpu);
-    std::printf("idle cycle (server unchanged since a clean run): %.2f s (cpu %.2f s), work done: "
-                "%s\n",
-                idle, idleCpu, total.anyWorkDone() ? "yes" : "no");
+    std::printf(
+        "idle cycle (server unchanged since a clean run): %.2f s (cpu %.2f s), work done: "
+        "%s\n",
+        idle, idleCpu, total.anyWorkDone() ? "yes" : "no");
 
     // The server listing against the engine's local walk, best of three each.
     sync::config::FolderConfiguration root = setup.folders->GetFolderById(rootId);
