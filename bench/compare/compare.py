@@ -4,6 +4,8 @@
 For each tree (generated from a seed) and each tool, the same chain of scenarios:
   initial   the first run, with the tree on one side and the other side empty;
   nochange  the next run, nothing changed;
+  idle      one more run, still nothing changed (the state every later run of a quiet folder
+            starts from: the run before changed nothing on either side);
   change    1% of the files rewritten on the first side, 0.1% deleted on the second;
   nostate   both sides already equal (a copy that keeps the times), no state of the tool.
 After every run both sides are compared file by file. Tools take turns (A B C A B C ...), so
@@ -30,7 +32,7 @@ TREES = {
     "1m": (1_000_000, 10_000, 3, 64),
     "tiny": (300, 10, 2, 1024),
 }
-SCENARIOS = ["initial", "nochange", "change", "nostate"]
+SCENARIOS = ["initial", "nochange", "idle", "change", "nostate"]
 
 
 # --- trees ------------------------------------------------------------------------------------
@@ -244,6 +246,8 @@ def chain(tool, master, base, seed, rep):
 
     results["nochange"] = tool.run(a, b, False)
     verify(a, b, tool.name + " nochange")
+    results["idle"] = tool.run(a, b, False)
+    verify(a, b, tool.name + " idle")
 
     # Edits come later than the run that recorded the files: a same-size rewrite within the
     # same second as the copy is invisible to a comparison of whole-second times.
@@ -324,8 +328,9 @@ def report(tree, root_kind, reps, runs, floor_runs, out):
             out.append("| %s | %s%s | %s | %s | %s | %s |" % (
                 sc, tool, extra, cell(walls, "%.2f"), cell([x["cpu"] for x in r], "%.2f"),
                 cell([x["rss"] for x in r], "%.0f"), ratio))
-        if sc in ("initial", "nochange") and floor_runs.get(sc):
-            f = floor_runs[sc]
+        if sc in ("initial", "nochange", "idle") and floor_runs.get(
+                "nochange" if sc == "idle" else sc):
+            f = floor_runs["nochange" if sc == "idle" else sc]
             label = "cp -a" if sc == "initial" else "stat walk of both trees"
             ratio = ""
             if runs.get(ours, {}).get(sc):
