@@ -47,10 +47,7 @@ QString SyncConfiguration::ReadText(const QString& key) {
 }
 
 void SyncConfiguration::WriteText(const QString& key, const QString& value) {
-    // Not Checked(): a batch of records lost before this write is reported to the next manager
-    // call, which is the engine's. These words are written between the engine's own calls, by
-    // whoever keeps them, and would swallow the report.
-    Query q(_database->impl(), kStore);
+    Query q(_database->impl().Checked(), kStore);
     q.Bind(1, key);
     q.Bind(2, value);
     q.Run();

@@ -28,8 +28,7 @@ public:
     void SetSyncInterval(int seconds);
     void SetTooManyRequestsHoldSeconds(int seconds);
 
-    // Any other setting, as text: empty when missing or unreadable. Writing throws as above,
-    // but leaves the report of a lost batch to the next manager call.
+    // Any other setting, as text: empty when missing or unreadable. Writing throws as above.
     QString ReadText(const QString& key);
     void WriteText(const QString& key, const QString& value);
 

@@ -1277,6 +1277,8 @@ int LocalFolderServer::GetRootFiles(Folder& root, std::shared_ptr<QVector<File>>
     return _List(root, true, nullptr, files.get());
 }
 
+// Breadth first, one depth at a time: the folders of a depth may be listed side by side, and
+// joined in their order they give exactly the order of a walk through one queue.
 namespace {
 
 // The listings kept by any server object of this process, by directory: a write through one
@@ -1342,8 +1344,6 @@ void LocalFolderServer::_ForgetListings() {
     Kept().keysByDirectory.erase(keys);
 }
 
-// Breadth first, one depth at a time: the folders of a depth may be listed side by side, and
-// joined in their order they give exactly the order of a walk through one queue.
 int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
                              QVector<File>* files) {
     const QString key = QStringLiteral("localFolderListing %1 %2%3")

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include "ActionLogWording.h"
-#include "ConfigDatabaseImpl.h"
 #include "ConfigurationFactory.h"
 #include "DatabaseActionLog.h"
 #include "DatabaseBackends.h"
@@ -25,22 +24,6 @@ TEST_F(SettingsTest, InstalledDatabaseAnswersTheEnginesAccountQueries) {
     auto servers = sync::factory::ConfigurationFactory::CreateServerConfigManager();
     ASSERT_TRUE(servers);
     EXPECT_TRUE(servers->GetServerConfiguration(account.id) == account);
-}
-
-// Words kept by the companions between the engine's calls (the local-folder server's last
-// listing) read back as written, and writing them never takes the report of a lost batch that
-// belongs to the engine's next call.
-TEST_F(SettingsTest, TextSettingsRoundTripAndLeaveALostBatchReportToTheNextManagerCall) {
-    EXPECT_EQ(settings->ReadText("missing"), QString());
-    settings->WriteText("listing 1", "12 7 abc");
-    settings->WriteText("listing 1", "13 7 abd");
-    EXPECT_EQ(settings->ReadText("listing 1"), QStringLiteral("13 7 abd"));
-
-    db->impl().ReportLostBatch(QStringLiteral("records rolled back"));
-    settings->WriteText("listing 1", QString());
-    EXPECT_EQ(settings->ReadText("listing 1"), QString());
-    EXPECT_ANY_THROW(folders->GetRootFolders()) << "the lost batch was not reported";
-    EXPECT_NO_THROW(folders->GetRootFolders());
 }
 
 // An entry for the folder /u/Docs; arguments are separated by spaces.
