@@ -12,9 +12,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
-#include <QHash>
 #include <QRandomGenerator>
-#include <QSet>
 #include <QUrl>
 #include <algorithm>
 #include <array>
@@ -1279,34 +1277,16 @@ int LocalFolderServer::GetRootFiles(Folder& root, std::shared_ptr<QVector<File>>
 
 // Breadth first, one depth at a time: the folders of a depth may be listed side by side, and
 // joined in their order they give exactly the order of a walk through one queue.
-namespace {
-
-// The listings kept by any server object of this process, by directory: a write through one
-// object forgets what another kept (an account changed its settings and got a new object). And
-// the words of objects without a store.
-struct KeptListings {
-    std::mutex lock;
-    QHash<QString, QSet<QString>> keysByDirectory;
-    QHash<QString, QString> words;
-};
-
-KeptListings& Kept() {
-    static KeptListings kept;
-    return kept;
-}
-
-}  // namespace
-
 void LocalFolderServer::SetStateStore(StateStore store) {
-    const std::lock_guard<std::mutex> lock(Kept().lock);
+    const std::lock_guard<std::mutex> lock(_stateLock);
     _state = std::move(store);
 }
 
 bool LocalFolderServer::_LastListing(const QString& key, KeptListing& listing) {
     QString kept;
     {
-        const std::lock_guard<std::mutex> lock(Kept().lock);
-        kept = _state.read ? _state.read(key) : Kept().words.value(key);
+        const std::lock_guard<std::mutex> lock(_stateLock);
+        kept = _state.read ? _state.read(key) : _kept.value(key);
     }
     // "<time> <since> <digest>", times in milliseconds since the epoch
     const QStringList parts = kept.split(QLatin1Char(' '));
@@ -1323,25 +1303,23 @@ void LocalFolderServer::_KeepListing(const QString& key, const KeptListing& list
     const QString value =
         QStringLiteral("%1 %2 %3")
             .arg(QString::number(listing.time), QString::number(listing.since), listing.digest);
-    const std::lock_guard<std::mutex> lock(Kept().lock);
-    Kept().keysByDirectory[_directory].insert(key);
+    const std::lock_guard<std::mutex> lock(_stateLock);
+    _keptKeys.insert(key);
     if (_state.write)
         _state.write(key, value);
     else
-        Kept().words.insert(key, value);
+        _kept.insert(key, value);
 }
 
 void LocalFolderServer::_ForgetListings() {
-    const std::lock_guard<std::mutex> lock(Kept().lock);
-    const auto keys = Kept().keysByDirectory.find(_directory);
-    if (keys == Kept().keysByDirectory.end()) return;
-    for (const QString& key : std::as_const(*keys)) {
+    const std::lock_guard<std::mutex> lock(_stateLock);
+    for (const QString& key : std::as_const(_keptKeys)) {
         if (_state.write)
             _state.write(key, QString());
         else
-            Kept().words.remove(key);
+            _kept.remove(key);
     }
-    Kept().keysByDirectory.erase(keys);
+    _keptKeys.clear();
 }
 
 int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
@@ -1373,7 +1351,7 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
     sync::core::Sha256 digest;
     QString context;
     {
-        const std::lock_guard<std::mutex> lock(Kept().lock);
+        const std::lock_guard<std::mutex> lock(_stateLock);
         if (_state.context) context = _state.context(root);
     }
     // The root's options include the hidden entries and the new files left on the server.

@@ -2,9 +2,12 @@
 
 #include <sys/stat.h>
 
+#include <QHash>
+#include <QSet>
 #include <QString>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "RemoteBackend.h"
 #include "ServerConfiguration.h"
@@ -138,6 +141,11 @@ private:
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
     ProgressListener _progress;
     StateStore _state;
+    // The words kept when no store is set, and the lock for both.
+    QHash<QString, QString> _kept;
+    // The keys of the listings this object kept, to forget at the next write.
+    QSet<QString> _keptKeys;
+    std::mutex _stateLock;
 };
 
 }  // namespace remote

@@ -897,24 +897,6 @@ TEST(LocalFolderServerListing, AnswersNotModifiedOnlyForTheListingThatACleanRunH
     EXPECT_EQ(list(entries), 0);
     cleanRun();
     EXPECT_EQ(list(entries), 304);
-    // A write changes what the engine believes is on the server even when the listing stays
-    // the same: a folder deletion keeps a folder that holds what no listing shows. Made through
-    // another object of the same folder (an account whose settings changed gets a new one).
-    write(QStringLiteral("/Docs/kept/.hidden"), "not listed");
-    ASSERT_EQ(list(entries), 0);
-    cleanRun();
-    ASSERT_EQ(list(entries), 304);
-    cleanRun();
-    {
-        auto other = std::make_shared<sync::remote::LocalFolderServer>(dir.path());
-        other->SetStateStore(store);
-        FolderConfiguration kept;
-        kept.rootId = root.id;
-        kept.serverPath = QStringLiteral("/Docs/kept");
-        other->DeleteFolder(kept);
-        ASSERT_TRUE(QFileInfo::exists(dir.path() + "/Docs/kept/.hidden"));
-    }
-    EXPECT_EQ(list(entries), 0) << "listed whole after a write of this program";
     // The root's files alone are a listing of their own.
     cleanRun();
     auto server = std::make_shared<sync::remote::LocalFolderServer>(dir.path());
