@@ -126,19 +126,9 @@ int main(int argc, char* argv[]) {
     std::printf(
         "no-change cycle: %.2f s (cpu %.2f s), work done: %s, peak %ld MiB (baseline %ld MiB)\n",
         again, againCpu, total.anyWorkDone() ? "yes" : "no", PeakRssKiB() / 1024, baseline / 1024);
-    // The cycle above lists the whole tree: the first sync changed the server after its own
-    // listing. From now on the server answers 304 until something changes there.
-    double idleCpu = 0;
-    const double idle = Cycle(setup, total, idleCpu);
-    std::printf(
-        "idle cycle (server unchanged since a clean run): %.2f s (cpu %.2f s), work done: "
-        "%s\n",
-        idle, idleCpu, total.anyWorkDone() ? "yes" : "no");
 
     // The server listing against the engine's local walk, best of three each.
     sync::config::FolderConfiguration root = setup.folders->GetFolderById(rootId);
-    // As a root that no run has finished yet: the whole tree, never a 304.
-    root.setLastSyncTime(QDateTime());
     auto backend = setup.remote->Backend(root.authenticationId);
     auto filter = std::make_shared<sync::host::SyncIgnoreFilter>();
     sync::syncService::LocalEntryInfoTreeRetriever walker(

@@ -560,7 +560,6 @@ void LocalFolderServer::_StoreRecord(File& record) {
 
 Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
                                        QList<File>& files) {
-    _ForgetListings();
     Results r;
     std::vector<UploadedFile> uploaded;
     for (File& f : files) {
@@ -907,7 +906,6 @@ bool LocalFolderServer::_IsPlannedVersion(const File& f, const struct stat& st) 
 }
 
 Results LocalFolderServer::DeleteFiles(const Folder&, QList<File>& files) {
-    _ForgetListings();
     Results r;
     for (File& f : files) {
         int status = 0;
@@ -1304,22 +1302,10 @@ void LocalFolderServer::_KeepListing(const QString& key, const KeptListing& list
         QStringLiteral("%1 %2 %3")
             .arg(QString::number(listing.time), QString::number(listing.since), listing.digest);
     const std::lock_guard<std::mutex> lock(_stateLock);
-    _keptKeys.insert(key);
     if (_state.write)
         _state.write(key, value);
     else
         _kept.insert(key, value);
-}
-
-void LocalFolderServer::_ForgetListings() {
-    const std::lock_guard<std::mutex> lock(_stateLock);
-    for (const QString& key : std::as_const(_keptKeys)) {
-        if (_state.write)
-            _state.write(key, QString());
-        else
-            _kept.remove(key);
-    }
-    _keptKeys.clear();
 }
 
 int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
@@ -1410,7 +1396,6 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
 // --- Folder operations ----------------------------------------------------------------------
 
 Results LocalFolderServer::CreateFolder(Folder& folder, const QString&, bool createParents) {
-    _ForgetListings();
     Results r;
     const auto fail = [&](int status) {
         r.CountFailure(Results::FolderServerCreation, ShownPath(folder), status);
@@ -1451,7 +1436,6 @@ Results LocalFolderServer::CreateFolder(Folder& folder, const QString&, bool cre
 }
 
 Results LocalFolderServer::DeleteFolder(Folder& folder) {
-    _ForgetListings();
     const QByteArray native = _NativePath(folder.serverPath);
     const QByteArray top = _directory.toUtf8();
     if (native == top)

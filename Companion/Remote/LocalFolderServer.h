@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 
 #include <QHash>
-#include <QSet>
 #include <QString>
 #include <functional>
 #include <memory>
@@ -122,10 +121,6 @@ private:
     // False when none is kept.
     bool _LastListing(const QString& key, KeptListing& listing);
     void _KeepListing(const QString& key, const KeptListing& listing);
-    // Before any write to the server: what the engine made of the last listing is what it
-    // meant to do there, not what the server then holds (a folder deletion leaves what no
-    // listing shows, and the folder with it). The next listing goes out whole.
-    void _ForgetListings();
     // True when the file was transferred and its record settled; else status tells why (0 for
     // a failure of the local disk).
     bool _Upload(File& file, int& status, struct stat* read);
@@ -143,8 +138,6 @@ private:
     StateStore _state;
     // The words kept when no store is set, and the lock for both.
     QHash<QString, QString> _kept;
-    // The keys of the listings this object kept, to forget at the next write.
-    QSet<QString> _keptKeys;
     std::mutex _stateLock;
 };
 
