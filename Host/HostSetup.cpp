@@ -10,8 +10,6 @@
 
 #include "CoreFactory.h"
 #include "DatabaseActionLog.h"
-#include "SyncIgnoreFilter.h"
-#include "SyncLog.h"
 
 namespace sync {
 namespace host {
@@ -52,27 +50,6 @@ HostSetup::HostSetup(const QString& databasePath, bool readOnly) {
     configuration = std::make_shared<sync::database::SyncConfiguration>(database);
     remote = std::make_shared<sync::remote::RemoteService>(serverConfigs, files, &PasswordOf);
     remote->SetExitChecker(sync::factory::CoreFactory::ExitChecker());
-    // Weak: a backend the engine still holds must not keep the database open.
-    const std::weak_ptr<sync::database::SyncConfiguration> settings = configuration;
-    sync::remote::RemoteBackend::StateStore store;
-    store.read = [settings](const QString& key) {
-        const auto held = settings.lock();
-        return held ? held->ReadText(key) : QString();
-    };
-    store.write = [settings](const QString& key, const QString& value) {
-        const auto held = settings.lock();
-        if (!held) return;
-        try {
-            held->WriteText(key, value);
-        } catch (const std::exception& e) {
-            SYNC_LOG_DEBUG("Cannot keep setting %1: %2", key, e.what());
-        }
-    };
-    // The ignore rules decide which server entries the engine takes.
-    store.context = [](const sync::config::FolderConfiguration& root) {
-        return SyncIgnoreFilter::RulesSignature(root.localPath);
-    };
-    remote->SetStateStore(std::move(store));
     engineConfiguration = std::make_shared<ServerAwareConfiguration>(configuration, remote);
     if (!readOnly)
         sync::factory::CoreFactory::SetActionLog(

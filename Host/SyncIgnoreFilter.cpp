@@ -1,6 +1,5 @@
 #include "SyncIgnoreFilter.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -68,18 +67,6 @@ bool SyncIgnoreFilter::_Excluded(const QString& path, bool isFolder, bool server
         return false;
     }
     return _rules.IsExcluded(path.mid(rootLength), isFolder);
-}
-
-QString SyncIgnoreFilter::RulesSignature(const QString& rootLocalPath) {
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    hash.addData(LitterPatterns().join(QLatin1Char('\n')).toUtf8());
-    QFile file(QDir(rootLocalPath).filePath(FileName));
-    // What _ReadRules reads, read the same way; a file it would not read gives no rules.
-    if (QFileInfo(file).isFile() && file.open(QIODevice::ReadOnly)) {
-        hash.addData(QByteArrayLiteral("\nfile\n"));
-        hash.addData(file.read(IgnoreRules::MaxFileSize + 1));
-    }
-    return QString::fromLatin1(hash.result().toHex());
 }
 
 void SyncIgnoreFilter::_ReadRules(const QString& rootLocalPath) {

@@ -35,9 +35,6 @@ public:
 
     // The built-in litter, in ignore-file syntax; it applies to file names only.
     static QStringList LitterPatterns();
-    // A digest of every rule that applies to the root at rootLocalPath: equal digests, equal
-    // answers.
-    static QString RulesSignature(const QString& rootLocalPath);
 
 private:
     bool _Excluded(const QString& path, bool isFolder, bool serverSide) const;

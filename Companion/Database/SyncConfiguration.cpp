@@ -34,25 +34,6 @@ void SyncConfiguration::SetTooManyRequestsHoldSeconds(int seconds) {
     _WriteInt(kHoldSeconds, seconds);
 }
 
-QString SyncConfiguration::ReadText(const QString& key) {
-    try {
-        Query q(_database->impl(), kSelect);
-        q.Bind(1, key);
-        if (!q.Step() || q.IsNull(0)) return QString();
-        return q.Text(0);
-    } catch (const std::exception& e) {
-        SYNC_LOG_ERROR("Failed to read setting %1: %2", key, e.what());
-        return QString();
-    }
-}
-
-void SyncConfiguration::WriteText(const QString& key, const QString& value) {
-    Query q(_database->impl().Checked(), kStore);
-    q.Bind(1, key);
-    q.Bind(2, value);
-    q.Run();
-}
-
 int SyncConfiguration::_ReadInt(const char* key, int defaultValue) {
     try {
         Query q(_database->impl(), kSelect);

@@ -28,10 +28,6 @@ public:
     void SetSyncInterval(int seconds);
     void SetTooManyRequestsHoldSeconds(int seconds);
 
-    // Any other setting, as text: empty when missing or unreadable. Writing throws as above.
-    QString ReadText(const QString& key);
-    void WriteText(const QString& key, const QString& value);
-
 private:
     int _ReadInt(const char* key, int defaultValue);
     void _WriteInt(const char* key, int value);

@@ -964,8 +964,6 @@ struct FolderListing {
     QVector<Folder> folders;
     QVector<File> files;
     std::vector<PendingFolder> subfolders;
-    // Of everything listed here that a record shows, in listing order (Fingerprint).
-    QString digest;
     int status = 0;
     // The warning for status; only the failure the walk answers with is logged.
     std::function<void()> warn;
@@ -1005,23 +1003,6 @@ void ShareTextsOfTrees(Record& record) {
     QString key = EntryInfoTree::KeyOf(record.serverPath);
     EntryInfoTree::ShareTexts(key, record);
 }
-
-// Adds what a listed entry's record shows to a folder's digest: its name and kind, and what the
-// record's id, version id, size, times and privileges are made of. Two listings with equal
-// digests give equal records.
-void Fingerprint(sync::core::Sha256& digest, const char* name, bool isFolder, const struct stat& st,
-                 int privileges) {
-    const qint64 numbers[] = {
-        isFolder ? 1 : 0,          qint64(st.st_dev),          qint64(st.st_ino),
-        qint64(st.st_size),        qint64(st.st_mtim.tv_sec),  qint64(st.st_mtim.tv_nsec),
-        qint64(st.st_ctim.tv_sec), qint64(st.st_ctim.tv_nsec), privileges};
-    digest.Add(reinterpret_cast<const char*>(numbers), sizeof numbers);
-    // With its end, so that no two lists of names run together alike.
-    digest.Add(name, std::strlen(name) + 1);
-}
-
-// The longest a listing may answer 304 after the engine last got the whole tree, in ms.
-constexpr qint64 kWholeListingEvery = 3600 * 1000;
 
 // Lists single folders of one root's tree. The threads of a listing share one: listing a
 // folder changes nothing in it.
@@ -1090,7 +1071,6 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
     }
     const QString serverPrefix = at.serverPath + QLatin1Char('/');
     const QString localPrefix = at.localPath + QLatin1Char('/');
-    sync::core::Sha256 digest;
     for (;;) {
         errno = 0;
         const struct dirent* entry = ::readdir(dir);
@@ -1142,9 +1122,8 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
             continue;
         }
         const int privileges = PrivilegesOf(dirFd, name, isFolder, writable, &st);
-        if (isFolder && _directOnly) continue;
-        Fingerprint(digest, name, isFolder, st, privileges);
         if (isFolder) {
+            if (_directOnly) continue;
             Folder f;
             f.name = decoded;
             f.serverPath = f.path = JoinedAtSize(serverPrefix, decoded);
@@ -1174,7 +1153,6 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
             out.files.append(std::move(f));
         }
     }
-    out.digest = digest.HexResult();
     return 0;
 }
 
@@ -1275,51 +1253,9 @@ int LocalFolderServer::GetRootFiles(Folder& root, std::shared_ptr<QVector<File>>
 
 // Breadth first, one depth at a time: the folders of a depth may be listed side by side, and
 // joined in their order they give exactly the order of a walk through one queue.
-void LocalFolderServer::SetStateStore(StateStore store) {
-    const std::lock_guard<std::mutex> lock(_stateLock);
-    _state = std::move(store);
-}
-
-bool LocalFolderServer::_LastListing(const QString& key, KeptListing& listing) {
-    QString kept;
-    {
-        const std::lock_guard<std::mutex> lock(_stateLock);
-        kept = _state.read ? _state.read(key) : _kept.value(key);
-    }
-    // "<time> <since> <digest>", times in milliseconds since the epoch
-    const QStringList parts = kept.split(QLatin1Char(' '));
-    if (parts.size() != 3 || parts.at(2).isEmpty()) return false;
-    bool timeOk = false;
-    bool sinceOk = false;
-    listing.time = parts.at(0).toLongLong(&timeOk);
-    listing.since = parts.at(1).toLongLong(&sinceOk);
-    listing.digest = parts.at(2);
-    return timeOk && sinceOk;
-}
-
-void LocalFolderServer::_KeepListing(const QString& key, const KeptListing& listing) {
-    const QString value =
-        QStringLiteral("%1 %2 %3")
-            .arg(QString::number(listing.time), QString::number(listing.since), listing.digest);
-    const std::lock_guard<std::mutex> lock(_stateLock);
-    if (_state.write)
-        _state.write(key, value);
-    else
-        _kept.insert(key, value);
-}
-
 int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* folders,
                              QVector<File>* files) {
-    const QString key = QStringLiteral("localFolderListing %1 %2%3")
-                            .arg(QString::number(root.id), _directory,
-                                 directOnly ? QStringLiteral(" root files") : QString());
-    KeptListing last;
-    const bool hasLast = _LastListing(key, last);
-    // Later than the last listing's, however close the two: a run that saw that listing must
-    // not pass for one that saw this one.
-    QDateTime requestTime = QDateTime::currentDateTimeUtc();
-    if (hasLast && requestTime.toMSecsSinceEpoch() <= last.time)
-        requestTime = QDateTime::fromMSecsSinceEpoch(last.time + 1, Qt::UTC);
+    const QDateTime requestTime = QDateTime::currentDateTimeUtc();
     QByteArray rootNative;
     try {
         rootNative = _NativePath(root.serverPath);
@@ -1332,27 +1268,8 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
     std::vector<FolderListing> listed;
     QVector<Folder> foundFolders;
     QVector<File> foundFiles;
-    // Everything the records depend on besides the entries themselves, then each folder's
-    // digest in walk order.
-    sync::core::Sha256 digest;
-    QString context;
-    {
-        const std::lock_guard<std::mutex> lock(_stateLock);
-        if (_state.context) context = _state.context(root);
-    }
-    // The root's options include the hidden entries and the new files left on the server.
-    const QByteArray about =
-        QStringLiteral("listing 1\n%1\n%2\n%3 %4 %5\n%6\n")
-            .arg(root.serverPath, root.localPath, QString::number(directOnly ? 1 : 0),
-                 QString::number(root.getSyncOption()), QString::number(root.syncScope), context)
-            .toUtf8();
-    digest.Add(about.constData(), std::size_t(about.size()));
     for (bool isRoot = true; !depth.empty(); isRoot = false) {
         if (const int status = ListDepth(lister, depth, isRoot, listed)) return status;
-        for (const FolderListing& folder : listed) {
-            const QByteArray folderDigest = folder.digest.toLatin1();
-            digest.Add(folderDigest.constData(), std::size_t(folderDigest.size()));
-        }
         std::size_t deeper = 0, folderCount = 0, fileCount = 0;
         for (const FolderListing& folder : listed) {
             deeper += folder.subfolders.size();
@@ -1371,25 +1288,9 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
         listed.clear();
         depth = std::move(next);
     }
-    const QString listing = digest.HexResult();
-    root.setLastServerSyncRequestTime(requestTime);
-    // The last listing was this one, and a run without a fault has seen it since: nothing on
-    // the server is new to the engine. A run that failed left lastSyncTime null. The whole tree
-    // still goes to the engine once an hour: a run may have passed over a change without a
-    // fault (a download put off while another program writes the local file), and would not
-    // see it again before the server changes.
-    const qint64 now = requestTime.toMSecsSinceEpoch();
-    const bool notModified = !listing.isEmpty() && hasLast && last.digest == listing &&
-                             root.getLastSyncTime().isValid() &&
-                             root.getLastSyncTime().toMSecsSinceEpoch() >= last.time &&
-                             now - last.since < kWholeListingEvery;
-    // Every listing is kept with its time, a 304 too, so that the times of a root's listings
-    // only grow: a run without a fault since the last listing has the last listing's time.
-    if (!listing.isEmpty())
-        _KeepListing(key, KeptListing{now, notModified ? last.since : now, listing});
-    if (notModified) return sync::http::NotModified;
     if (folders) MoveAppend(*folders, foundFolders);
     if (files) MoveAppend(*files, foundFiles);
+    root.setLastServerSyncRequestTime(requestTime);
     return 0;
 }
 

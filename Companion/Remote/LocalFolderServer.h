@@ -2,11 +2,9 @@
 
 #include <sys/stat.h>
 
-#include <QHash>
 #include <QString>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include "RemoteBackend.h"
 #include "ServerConfiguration.h"
@@ -51,7 +49,6 @@ public:
     void SetProgressListener(ProgressListener listener) override {
         _progress = std::move(listener);
     }
-    void SetStateStore(StateStore store) override;
 
     // Throw HttpException(401) for an account other than the one served.
     std::shared_ptr<sync::interf::IRemoteFolderManager> CreateRemoteFolderManager(
@@ -72,12 +69,6 @@ public:
     // the walk could not be read (403) or vanished (409); nothing is filled then. Breadth first,
     // each folder's entries together; the folders of a wide tree are listed on several threads,
     // with the same result and order as on one.
-    //
-    // 304, with nothing filled, when the listing is exactly what it was at the last listing of
-    // the root (every name, kind, id, size, time, change time and privilege, by a digest kept
-    // in the state store) and the root has been synchronised without a fault since then (its
-    // lastSyncTime is at least that listing's time): the engine then has nothing to learn from
-    // the server. Never while the root's lastSyncTime is null.
     int GetFolderTree(Folder& root, std::shared_ptr<QVector<Folder>> folders,
                       std::shared_ptr<QVector<File>> files) override;
     int GetRootFiles(Folder& root, std::shared_ptr<QVector<File>> files) override;
@@ -111,16 +102,6 @@ private:
     // which would leave the directory.
     QByteArray _NativePath(const QString& serverPath) const;
     int _List(Folder& root, bool directOnly, QVector<Folder>* folders, QVector<File>* files);
-    // A root's last listing: its time, the time of the last one answered in full, and its
-    // digest.
-    struct KeptListing {
-        qint64 time = 0;
-        qint64 since = 0;
-        QString digest;
-    };
-    // False when none is kept.
-    bool _LastListing(const QString& key, KeptListing& listing);
-    void _KeepListing(const QString& key, const KeptListing& listing);
     // True when the file was transferred and its record settled; else status tells why (0 for
     // a failure of the local disk).
     bool _Upload(File& file, int& status, struct stat* read);
@@ -135,10 +116,6 @@ private:
     std::shared_ptr<sync::interf::IFileConfigManager> _database;
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
     ProgressListener _progress;
-    StateStore _state;
-    // The words kept when no store is set, and the lock for both.
-    QHash<QString, QString> _kept;
-    std::mutex _stateLock;
 };
 
 }  // namespace remote

@@ -52,18 +52,6 @@ public:
     // one keeps its own.
     virtual void SetServerPause(std::shared_ptr<ServerPause> pause) { (void)pause; }
 
-    // Somewhere to keep a few words from one run of the program to the next (the configuration
-    // database's settings). Neither call may throw: a word that cannot be read is missing, and
-    // one that cannot be written is lost. Without a store a backend keeps its words in memory.
-    struct StateStore {
-        std::function<QString(const QString& key)> read;
-        std::function<void(const QString& key, const QString& value)> write;
-        // What decides, besides the server, which of a root's server entries the engine takes
-        // (the host's ignore rules): a listing is the same as before only when this is too.
-        std::function<QString(const sync::config::FolderConfiguration& root)> context;
-    };
-    virtual void SetStateStore(StateStore store) { (void)store; }
-
     // The marked part of an upload's temporary file name in a server folder:
     // ".<name>.{SyncUpload}<1 to 8 hex digits>.TMP". Such a file is never content for any
     // backend, since one folder may be served both as a local folder and over WebDAV; the

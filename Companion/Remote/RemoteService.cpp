@@ -63,11 +63,6 @@ void RemoteService::SetProgressListener(RemoteBackend::ProgressListener listener
     for (auto& entry : _backends) entry.backend->SetProgressListener(_progress);
 }
 
-void RemoteService::SetStateStore(RemoteBackend::StateStore store) {
-    _stateStore = std::move(store);
-    for (auto& entry : _backends) entry.backend->SetStateStore(_stateStore);
-}
-
 int RemoteService::RetryAfterSeconds() const {
     int seconds = -1;
     for (const auto& entry : _backends)
@@ -86,7 +81,6 @@ std::shared_ptr<RemoteBackend> RemoteService::_Backend(const ServerConfiguration
     entry.backend->SetDatabase(_files);
     entry.backend->SetExitChecker(_exitChecker);
     entry.backend->SetProgressListener(_progress);
-    entry.backend->SetStateStore(_stateStore);
     std::shared_ptr<ServerPause>& pause = _pauses[account.id];
     if (!pause) pause = std::make_shared<ServerPause>();
     entry.backend->SetServerPause(pause);

@@ -46,8 +46,6 @@ public:
 
     void SetExitChecker(std::shared_ptr<sync::interf::ICheckForExit> exitChecker);
     void SetProgressListener(RemoteBackend::ProgressListener listener);
-    // Handed to every backend, those made later included.
-    void SetStateStore(RemoteBackend::StateStore store);
     // The longest wait any server asked for (Retry-After of a 429 or 503); -1 when none did.
     int RetryAfterSeconds() const;
 
@@ -81,7 +79,6 @@ private:
     };
     std::shared_ptr<sync::interf::IServerConfigManager> _accounts;
     std::shared_ptr<sync::interf::IFileConfigManager> _files;
-    RemoteBackend::StateStore _stateStore;
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
     RemoteBackend::ProgressListener _progress;
     PasswordSource _passwords;

@@ -1,7 +1,6 @@
 // One suite for every server backend: what the engine may rely on from a listing, the folder
 // operations and the transfer clients, checked against the in-memory fake and the local-folder
 // server alike.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -793,117 +792,6 @@ TEST(LocalFolderServerListing, AWideTreeListsWholeInWalkOrderOrFailsOnOneUnreada
         checkGrouped(listedFolders, "folder");
         checkGrouped(listedFiles, "file");
     }
-}
-
-// An unchanged server folder answers 304, so that the engine skips the server side; a change of
-// any kind must list again, as must a root with no run without a fault since the last listing.
-// The digest lives in the state store, so that the next run of the program finds it.
-TEST(LocalFolderServerListing, AnswersNotModifiedOnlyForTheListingThatACleanRunHasSeen) {
-    QTemporaryDir dir;
-    const auto write = [&](const QString& path, const QByteArray& content) {
-        QFile file(dir.path() + path);
-        ASSERT_TRUE(QDir().mkpath(QFileInfo(file).absolutePath()));
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        ASSERT_EQ(file.write(content), content.size());
-    };
-    write(QStringLiteral("/Docs/a.txt"), "alpha");
-    write(QStringLiteral("/Docs/sub/b.txt"), "beta");
-
-    QHash<QString, QString> kept;
-    QString rules = QStringLiteral("no rules");
-    sync::remote::RemoteBackend::StateStore store{
-        [&](const QString& key) { return kept.value(key); },
-        [&](const QString& key, const QString& value) { kept.insert(key, value); },
-        [&](const FolderConfiguration&) { return rules; }};
-    FolderConfiguration root;
-    root.id = root.rootId = 1;
-    root.authenticationId = kAccount;
-    root.serverPath = QStringLiteral("/Docs");
-    root.localPath = QStringLiteral("/home/u/Docs");
-    // Each listing by a new server object: what it knows of the last one comes from the store.
-    const auto list = [&](int& entries) {
-        auto server = std::make_shared<sync::remote::LocalFolderServer>(dir.path());
-        server->SetStateStore(store);
-        auto folders = std::make_shared<Folders>();
-        auto files = std::make_shared<Files>();
-        const int status =
-            server->CreateRemoteFolderManager(kAccount)->GetFolderTree(root, folders, files);
-        entries = folders->size() + files->size();
-        return status;
-    };
-    const auto cleanRun = [&] { root.setLastSyncTime(root.getLastServerSyncRequestTime()); };
-
-    int entries = 0;
-    ASSERT_EQ(list(entries), 0);
-    EXPECT_EQ(entries, 3);
-    EXPECT_EQ(kept.size(), 1);
-    EXPECT_EQ(list(entries), 0) << "never 304 while the root has no last synchronisation time";
-    cleanRun();
-    const QDateTime seen = root.getLastServerSyncRequestTime();
-    EXPECT_EQ(list(entries), 304);
-    EXPECT_EQ(entries, 0);
-    EXPECT_GT(root.getLastServerSyncRequestTime(), seen) << "a 304 is a request too";
-    cleanRun();
-    EXPECT_EQ(list(entries), 304) << "a clean run after a 304 keeps it valid";
-
-    const struct {
-        const char* change;
-        std::function<void()> make;
-    } rows[] = {
-        {"content rewritten at the same size",
-         [&] { write(QStringLiteral("/Docs/a.txt"), "ALPHA"); }},
-        {"file added", [&] { write(QStringLiteral("/Docs/sub/c.txt"), "gamma"); }},
-        {"file renamed",
-         [&] {
-             ASSERT_TRUE(
-                 QFile::rename(dir.path() + "/Docs/sub/c.txt", dir.path() + "/Docs/sub/d.txt"));
-         }},
-        {"file removed", [&] { ASSERT_TRUE(QFile::remove(dir.path() + "/Docs/sub/d.txt")); }},
-        {"empty folder added", [&] { ASSERT_TRUE(QDir().mkpath(dir.path() + "/Docs/sub/e")); }},
-        {"ignore rules changed", [&] { rules = QStringLiteral("*.tmp"); }},
-        {"root option changed", [&] { root.setSyncOption(sync::config::SkipDownloadingNewFiles); }},
-        {"folder time changed",
-         [&] {
-             const struct timespec times[2] = {{0, UTIME_OMIT}, {1000000000, 0}};
-             const QByteArray path = QFile::encodeName(dir.path() + "/Docs/sub/e");
-             ASSERT_EQ(::utimensat(AT_FDCWD, path.constData(), times, 0), 0);
-         }},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.change);
-        row.make();
-        EXPECT_EQ(list(entries), 0);
-        EXPECT_GT(entries, 0);
-        EXPECT_EQ(list(entries), 0) << "listed again, but no run has seen it yet";
-        cleanRun();
-        EXPECT_EQ(list(entries), 304);
-    }
-
-    // A run that failed leaves the root's time null; one that stopped before it ran leaves an
-    // older time than the last listing's.
-    root.setLastSyncTime(QDateTime());
-    EXPECT_EQ(list(entries), 0);
-    root.setLastSyncTime(root.getLastServerSyncRequestTime().addMSecs(-1));
-    EXPECT_EQ(list(entries), 0);
-    // The whole tree goes out at least once an hour, however quiet the server.
-    cleanRun();
-    ASSERT_EQ(list(entries), 304);
-    cleanRun();
-    ASSERT_EQ(kept.size(), 1);
-    QStringList parts = kept.begin()->split(' ');
-    ASSERT_EQ(parts.size(), 3);
-    parts[1] = QString::number(parts[1].toLongLong() - 3600 * 1000);
-    kept.begin().value() = parts.join(' ');
-    EXPECT_EQ(list(entries), 0);
-    cleanRun();
-    EXPECT_EQ(list(entries), 304);
-    // The root's files alone are a listing of their own.
-    cleanRun();
-    auto server = std::make_shared<sync::remote::LocalFolderServer>(dir.path());
-    server->SetStateStore(store);
-    auto rootFiles = std::make_shared<Files>();
-    EXPECT_EQ(server->CreateRemoteFileManager(kAccount)->GetRootFiles(root, rootFiles), 0);
-    EXPECT_EQ(rootFiles->size(), 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(
