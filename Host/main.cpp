@@ -3,6 +3,7 @@
 #include <openssl/crypto.h>
 #include <signal.h>
 #include <unistd.h>
+#include <log4cplus/config.hxx>
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -219,12 +220,14 @@ void InstallStopSignals(QObject* parent, std::function<void()> wake = {}) {
     }
 }
 
-// OpenSSL (the hashes, and libcurl's) frees what it keeps per thread only once the thread has
-// ended, after QThread::wait() has returned; a process that exits right then runs OpenSSL's
-// exit cleanup against that release and may corrupt its heap. A thread of ours frees it
-// itself, before it reports itself finished.
+// OpenSSL (the hashes, and libcurl's) and log4cplus free what they keep per thread only once
+// the thread has ended, after QThread::wait() has returned; a process that exits right then
+// runs their exit cleanup, or unloads them, under that release and crashes or corrupts its
+// heap. A thread of ours frees both itself, before it reports itself finished, and logs
+// nothing after.
 void ReleaseThreadState() {
     OPENSSL_thread_stop();
+    log4cplus::threadCleanup();
 }
 
 // Only the chosen root folders take part in the cycle.

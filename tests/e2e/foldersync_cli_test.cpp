@@ -17,6 +17,7 @@
 #include <QThread>
 #include <memory>
 #include "ApacheServer.h"
+#include "ProgramStatus.h"
 
 // Failures show lists as text, one entry per line (found by argument-dependent lookup).
 QT_BEGIN_NAMESPACE
@@ -99,9 +100,9 @@ public:
     static Outcome Finish(QProcess* process) {
         Outcome run;
         process->waitForFinished(120000);
-        run.status = process->exitStatus() == QProcess::NormalExit ? process->exitCode() : -1;
         run.out = QString::fromUtf8(process->readAllStandardOutput());
         run.err = QString::fromUtf8(process->readAllStandardError());
+        run.status = sync::test::ProgramStatus(*process, run.err);
         delete process;
         return run;
     }

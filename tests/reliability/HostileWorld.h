@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "ApacheServer.h"
+#include "ProgramStatus.h"
 
 namespace hostile {
 
@@ -534,9 +535,9 @@ public:
             process.kill();
             process.waitForFinished(10000);
         }
-        run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
         run.out = QString::fromUtf8(process.readAllStandardOutput());
         run.err = QString::fromUtf8(process.readAllStandardError());
+        run.status = sync::test::ProgramStatus(process, run.err);
         return run;
     }
     Outcome Sync(const QStringList& extra = {}) {

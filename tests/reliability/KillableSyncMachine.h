@@ -24,6 +24,7 @@
 #include <memory>
 
 #include "ApacheServer.h"
+#include "ProgramStatus.h"
 
 namespace sync {
 namespace test {
@@ -289,9 +290,9 @@ public:
     static ProgramOutcome Finish(QProcess* process) {
         ProgramOutcome run;
         process->waitForFinished(300000);
-        run.status = process->exitStatus() == QProcess::NormalExit ? process->exitCode() : -1;
         run.out = QString::fromUtf8(process->readAllStandardOutput());
         run.err = QString::fromUtf8(process->readAllStandardError());
+        run.status = sync::test::ProgramStatus(*process, run.err);
         delete process;
         // A memory error is a failure wherever it shows, also in a run that was killed later.
         for (const char* report : {"ERROR: AddressSanitizer", "runtime error: ", "malloc(): ",

@@ -18,6 +18,7 @@
 #include <mutex>
 
 #include "ApacheServer.h"
+#include "ProgramStatus.h"
 #include "VersionLedger.h"
 
 namespace sync {
@@ -96,9 +97,9 @@ public:
             run.err = QStringLiteral("(hung: killed after 180 s)");
             return run;
         }
-        run.status = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
         run.out = QString::fromUtf8(process.readAllStandardOutput());
         run.err += QString::fromUtf8(process.readAllStandardError());
+        run.status = sync::test::ProgramStatus(process, run.err);
         if (run.status == 0 || run.status == 1) _registered = true;
         return run;
     }

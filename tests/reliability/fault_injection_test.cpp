@@ -29,6 +29,7 @@
 #include "DatabaseActionLog.h"
 #include "FaultProxy.h"
 #include "HostSetup.h"
+#include "ProgramStatus.h"
 #include "SyncCodes.h"
 
 namespace {
@@ -145,9 +146,9 @@ public:
     static Outcome Finish(QProcess* process) {
         Outcome run;
         process->waitForFinished(180000);
-        run.status = process->exitStatus() == QProcess::NormalExit ? process->exitCode() : -1;
         run.out = QString::fromUtf8(process->readAllStandardOutput());
         run.err = QString::fromUtf8(process->readAllStandardError());
+        run.status = sync::test::ProgramStatus(*process, run.err);
         delete process;
         return run;
     }
