@@ -34,11 +34,11 @@ namespace {
 using Segment = IgnoreRules::Segment;
 
 // Code points, not UTF-16 units: "?" must match one character even outside the BMP.
-std::u32string ToCodePoints(const QString& text, int from = 0, int to = -1) {
+std::u32string ToCodePoints(QStringView text, qsizetype from = 0, qsizetype to = -1) {
     if (to < 0) to = text.size();
     std::u32string out;
     out.reserve(static_cast<size_t>(to - from));
-    for (int i = from; i < to; ++i) {
+    for (qsizetype i = from; i < to; ++i) {
         const QChar c = text.at(i);
         if (c.isHighSurrogate() && i + 1 < to && text.at(i + 1).isLowSurrogate()) {
             out.push_back(static_cast<char32_t>(QChar::surrogateToUcs4(c, text.at(i + 1))));
@@ -50,11 +50,11 @@ std::u32string ToCodePoints(const QString& text, int from = 0, int to = -1) {
     return out;
 }
 
-std::vector<std::u32string> SplitPath(const QString& path) {
+std::vector<std::u32string> SplitPath(QStringView path) {
     std::vector<std::u32string> segments;
-    int start = 0;
+    qsizetype start = 0;
     while (start <= path.size()) {
-        int end = path.indexOf(QLatin1Char('/'), start);
+        qsizetype end = path.indexOf(QLatin1Char('/'), start);
         if (end < 0) end = path.size();
         if (end > start) segments.push_back(ToCodePoints(path, start, end));
         start = end + 1;
@@ -204,7 +204,31 @@ bool MatchPath(const std::vector<Segment>& pattern, const std::vector<std::u32st
     return p == pattern.size();
 }
 
+// Only what any match needs: a character of the BMP outside the surrogates is one UTF-16
+// unit, and a name has at least as many units as characters.
+IgnoreRules::Quick QuickOf(const Segment& last) {
+    IgnoreRules::Quick quick;
+    if (last.anyFolders || last.tokens.empty()) return quick;
+    quick.anyName = false;
+    quick.minUnits = last.minLength;
+    const auto single = [](const Segment::Token& token) -> char16_t {
+        const bool plain = token.kind == Segment::Literal && token.ch > 0 && token.ch < 0x10000 &&
+                           !QChar::isSurrogate(token.ch);
+        return plain ? static_cast<char16_t>(token.ch) : 0;
+    };
+    quick.first = single(last.tokens.front());
+    quick.last = single(last.tokens.back());
+    return quick;
+}
+
 }  // namespace
+
+bool IgnoreRules::Quick::Admits(QStringView name) const {
+    if (anyName) return true;
+    if (name.size() < minUnits || name.isEmpty()) return false;
+    if (first != 0 && name.front() != QChar(first)) return false;
+    return last == 0 || name.back() == QChar(last);
+}
 
 IgnoreRules IgnoreRules::Parse(const QByteArray& content) {
     IgnoreRules rules;
@@ -278,17 +302,35 @@ void IgnoreRules::_AddLine(const char* data, int size) {
     // "x/**" is everything inside x, not x itself: at least one more name.
     if (parts.size() > 1 && rule.segments.back().anyFolders)
         rule.segments.insert(rule.segments.end() - 1, CompileSegment(U"*"));
+    rule.quick = QuickOf(rule.segments.back());
     _rules.push_back(std::move(rule));
 }
 
-bool IgnoreRules::IsExcluded(const QString& path, bool isFolder) const {
+bool IgnoreRules::IsExcluded(QStringView path, bool isFolder) const {
     if (_rules.empty()) return false;
+    // A rule can only decide about a path whose last name it may match, so a path none of
+    // whose names any rule may match is not excluded, without converting or matching it.
+    bool mayMatch = false;
+    for (qsizetype start = 0; start < path.size() && !mayMatch;) {
+        qsizetype end = path.indexOf(QLatin1Char('/'), start);
+        if (end < 0) end = path.size();
+        if (end > start)
+            mayMatch = _MayMatch(path.mid(start, end - start), end < path.size() || isFolder);
+        start = end + 1;
+    }
+    if (!mayMatch) return false;
     const std::vector<std::u32string> segments = SplitPath(path);
     // Each folder on the way is judged first: nothing re-includes an entry of an excluded one.
     for (size_t count = 1; count <= segments.size(); ++count) {
         const bool folder = count < segments.size() || isFolder;
         if (_Decide(segments, count, folder)) return true;
     }
+    return false;
+}
+
+bool IgnoreRules::_MayMatch(QStringView name, bool isFolder) const {
+    for (const Rule& rule : _rules)
+        if ((isFolder || !rule.foldersOnly) && rule.quick.Admits(name)) return true;
     return false;
 }
 

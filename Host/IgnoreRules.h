@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringView>
 #include <string>
 #include <vector>
 
@@ -42,7 +43,7 @@ public:
     static IgnoreRules Parse(const QByteArray& content);
 
     // path: below the root, with or without a leading "/" ("/sub/a.txt", "sub/a.txt").
-    bool IsExcluded(const QString& path, bool isFolder) const;
+    bool IsExcluded(QStringView path, bool isFolder) const;
 
     int RuleCount() const { return static_cast<int>(_rules.size()); }
     // What Parse left out, for the caller to report.
@@ -52,14 +53,28 @@ public:
     // One path segment of a pattern, compiled; only the source file needs to see into it.
     struct Segment;
 
+    // What a name needs for a rule to match it as the last name of a path, checked on the
+    // UTF-16 text before anything is converted: most names already fail on their first or last
+    // character, and most paths then need no matching at all.
+    struct Quick {
+        bool anyName = true;  // the rule ends in "**": any name may do
+        int minUnits = 0;
+        char16_t first = 0;  // 0: any
+        char16_t last = 0;   // 0: any
+        bool Admits(QStringView name) const;
+    };
+
 private:
     struct Rule {
         std::vector<Segment> segments;
         bool negated = false;
         bool foldersOnly = false;
+        Quick quick;
     };
 
     void _AddLine(const char* data, int size);
+    // Whether a rule might decide about an entry whose last name is name.
+    bool _MayMatch(QStringView name, bool isFolder) const;
     // The verdict of the rules for one entry, ignoring its parent folders.
     bool _Decide(const std::vector<std::u32string>& segments, size_t count, bool isFolder) const;
 

@@ -11,9 +11,9 @@ namespace host {
 
 namespace {
 
-QString NameOf(const QString& path) {
-    const int slash = path.lastIndexOf(QLatin1Char('/'));
-    return slash < 0 ? path : path.mid(slash + 1);
+QStringView NameOf(const QString& path) {
+    const auto slash = path.lastIndexOf(QLatin1Char('/'));
+    return QStringView(path).mid(slash + 1);
 }
 
 }  // namespace
@@ -66,7 +66,7 @@ bool SyncIgnoreFilter::_Excluded(const QString& path, bool isFolder, bool server
                        _rootServerPath);
         return false;
     }
-    return _rules.IsExcluded(path.mid(rootLength), isFolder);
+    return _rules.IsExcluded(QStringView(path).mid(rootLength), isFolder);
 }
 
 void SyncIgnoreFilter::_ReadRules(const QString& rootLocalPath) {

@@ -83,6 +83,15 @@ TEST(IgnoreRules, Patterns) {
         {"a/**", "a/x/y", f, true},
         {"a/**/", "a/x", f, false},
         {"a/**/**/b", "a/b", f, true},
+        // Names tried on their first and last characters before any matching: characters
+        // outside the BMP, lengths in characters, a folder on the way.
+        {"\xF0\x9F\x98\x80*", "\xF0\x9F\x98\x80x", f, true},
+        {"*\xF0\x9F\x98\x80", "x\xF0\x9F\x98\x80", f, true},
+        {"??", "a\xF0\x9F\x98\x80", f, true},
+        {"???", "a\xF0\x9F\x98\x80", f, false},
+        {"x*", "sub/xy/a.txt", f, true},
+        {"x*/", "sub/xy/a.txt", f, true},
+        {"*.o\n!x*", "sub/xy/a.o", f, true},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(testing::Message() << "patterns \"" << row.patterns << "\", path \""
