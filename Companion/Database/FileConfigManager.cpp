@@ -1,6 +1,8 @@
 #include "FileConfigManager.h"
 
+#include <QSet>
 #include <exception>
+#include <limits>
 #include <thread>
 
 #include "ConfigDatabaseImpl.h"
@@ -23,6 +25,11 @@ const char* const kOrphans = FILE_SELECT
     "WHERE NOT EXISTS (SELECT 1 FROM folders r WHERE r.id = f.root_id AND r.root_id = r.id) "
     "AND NOT EXISTS (SELECT 1 FROM folders r WHERE r.id = f.inherited_id AND r.root_id = r.id) "
     "ORDER BY f.id";
+// The ids of the root records, and the next root id the files name above a given one: the
+// index on root_id finds each in one seek, where the orphan query reads every record.
+const char* const kRootIds = "SELECT id FROM folders WHERE root_id = id";
+const char* const kNextFileRootId =
+    "SELECT root_id FROM files WHERE root_id > ?1 ORDER BY root_id LIMIT 1";
 const char* const kByPath = FILE_SELECT
     "JOIN folders r ON r.id = f.root_id "
     "WHERE f.local_path_key = ?1 AND r.authentication_id = ?2 ORDER BY f.id LIMIT 1";
@@ -35,6 +42,8 @@ const char* const kByRootFrom =
 const char* const kMiddleIdByRoot =
     "SELECT f.id FROM files f WHERE f.root_id = ?1 AND f.is_generated = 0 ORDER BY f.id "
     "LIMIT 1 OFFSET ?2";
+// Beyond this many root ids the files name, one read of every record costs less than seeking.
+constexpr int kMaxRootIdsSought = 1000;
 // Below this many records a second thread costs more than it saves.
 constexpr int kSplitReadAbove = 20000;
 const char* const kAllByRoot = FILE_SELECT "WHERE f.root_id = ?1 ORDER BY f.id";
@@ -187,7 +196,25 @@ FileConfiguration FileConfigManager::GetGeneratedFileById(int fileId) {
 }
 
 QVector<FileConfiguration> FileConfigManager::GetFilesOfMissingRootFolders() {
-    Query q(_database->impl().Checked(), kOrphans);
+    auto& db = _database->impl().Checked();
+    // An orphan names no root record in rootId, so while every rootId the files name is a
+    // root's there is none, and that takes a seek per root instead of a read of every record.
+    QSet<qint64> roots;
+    {
+        Query q(db, kRootIds);
+        while (q.Step()) roots.insert(q.Int64(0));
+    }
+    bool rootMissing = false;
+    qint64 after = std::numeric_limits<qint64>::min();
+    for (int seen = 0; seen <= kMaxRootIdsSought && !rootMissing; ++seen) {
+        Query next(db, kNextFileRootId);
+        next.Bind(1, after);
+        if (!next.Step()) break;
+        after = next.Int64(0);
+        rootMissing = !roots.contains(after) || seen == kMaxRootIdsSought;
+    }
+    if (!rootMissing) return {};
+    Query q(db, kOrphans);
     return ReadAll(q);
 }
 
