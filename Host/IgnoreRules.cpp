@@ -223,13 +223,6 @@ IgnoreRules::Quick QuickOf(const Segment& last) {
 
 }  // namespace
 
-bool IgnoreRules::Quick::Admits(QStringView name) const {
-    if (anyName) return true;
-    if (name.size() < minUnits || name.isEmpty()) return false;
-    if (first != 0 && name.front() != QChar(first)) return false;
-    return last == 0 || name.back() == QChar(last);
-}
-
 IgnoreRules IgnoreRules::Parse(const QByteArray& content) {
     IgnoreRules rules;
     const char* data = content.constData();
@@ -302,7 +295,8 @@ void IgnoreRules::_AddLine(const char* data, int size) {
     // "x/**" is everything inside x, not x itself: at least one more name.
     if (parts.size() > 1 && rule.segments.back().anyFolders)
         rule.segments.insert(rule.segments.end() - 1, CompileSegment(U"*"));
-    rule.quick = QuickOf(rule.segments.back());
+    _quick.push_back(QuickOf(rule.segments.back()));
+    _quick.back().foldersOnly = rule.foldersOnly;
     _rules.push_back(std::move(rule));
 }
 
@@ -329,8 +323,8 @@ bool IgnoreRules::IsExcluded(QStringView path, bool isFolder) const {
 }
 
 bool IgnoreRules::_MayMatch(QStringView name, bool isFolder) const {
-    for (const Rule& rule : _rules)
-        if ((isFolder || !rule.foldersOnly) && rule.quick.Admits(name)) return true;
+    for (const Quick& quick : _quick)
+        if (quick.Admits(name, isFolder)) return true;
     return false;
 }
 

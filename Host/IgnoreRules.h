@@ -58,10 +58,17 @@ public:
     // character, and most paths then need no matching at all.
     struct Quick {
         bool anyName = true;  // the rule ends in "**": any name may do
-        int minUnits = 0;
+        bool foldersOnly = false;
         char16_t first = 0;  // 0: any
         char16_t last = 0;   // 0: any
-        bool Admits(QStringView name) const;
+        int minUnits = 0;
+        bool Admits(QStringView name, bool isFolder) const {
+            if (foldersOnly && !isFolder) return false;
+            if (anyName) return true;
+            if (name.size() < minUnits || name.isEmpty()) return false;
+            if (first != 0 && name.front() != QChar(first)) return false;
+            return last == 0 || name.back() == QChar(last);
+        }
     };
 
 private:
@@ -69,7 +76,6 @@ private:
         std::vector<Segment> segments;
         bool negated = false;
         bool foldersOnly = false;
-        Quick quick;
     };
 
     void _AddLine(const char* data, int size);
@@ -79,6 +85,8 @@ private:
     bool _Decide(const std::vector<std::u32string>& segments, size_t count, bool isFolder) const;
 
     std::vector<Rule> _rules;
+    // One a rule, side by side: the pass over them for a name stays within a cache line or two.
+    std::vector<Quick> _quick;
     bool _truncated = false;
     int _skippedLongLines = 0;
 };
