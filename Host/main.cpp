@@ -38,6 +38,7 @@
 #include "SyncMetaTypes.h"
 #include "SyncScheduleManager.h"
 #include "SynchronizationService.h"
+#include "TreeRelease.h"
 
 namespace {
 
@@ -367,6 +368,9 @@ int RunSync(const Arguments& a, HostSetup& setup) {
         companions.urlBuilder = remote;
     }
     auto factory = std::make_shared<sync::syncService::SynchronizationServiceFactory>(companions);
+    // The process ends with the cycle: freeing the last root's trees would only delay that.
+    sync::syncService::TreeRelease::SetLastTrees(
+        sync::syncService::TreeRelease::LastTrees::LeftToProcessExit);
 
     QSharedPointer<ConsoleReporter> reporter(new ConsoleReporter(rootPaths, Out(), Err()));
     reporter->SetPlanOnly(a.dryRun);

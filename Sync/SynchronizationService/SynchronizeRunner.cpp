@@ -117,6 +117,8 @@ bool SynchronizeRunner::LessThan(const FolderConfiguration& a, const FolderConfi
 std::shared_ptr<SyncTaskDepot> SynchronizeRunner::Process(FolderConfiguration& root) {
     const auto checkForExit = _coreFactory->CreateCheckForExit();
     auto depot = std::make_shared<SyncTaskDepot>();
+    // Trees an earlier root left for the end of the process are freed while this one is read.
+    _treeRelease.FreeKept();
     if (checkForExit->ShouldExit()) return depot;
 
     TreePtr localTree = _localRetriever->GetEntryInfoTree(root);

@@ -280,6 +280,45 @@ TEST(EntryInfoTreeTest, ReleasedTreesLeaveWhatOthersHoldIntact) {
     }
 }
 
+// A program that ends after its cycle leaves the last root's trees to the end of the process;
+// a root that another root follows still has its trees freed.
+TEST(EntryInfoTreeTest, OnlyTheLastRootsTreesAreLeftToTheEndOfTheProcess) {
+    using sync::syncService::TreeRelease;
+    const auto tree = [](const QString& path, QString& probe) {
+        auto made = std::make_shared<EntryInfoTree>();
+        FileConfiguration f;
+        f.serverPath = path;
+        f.localPath = QStringLiteral("/home") + path;
+        probe = f.localPath;  // shares the record's text while the record lives
+        made->fileMap.insert(EntryInfoTree::KeyOf(f.serverPath), std::move(f));
+        return made;
+    };
+    QString first;
+    QString last;
+    TreeRelease::SetLastTrees(TreeRelease::LastTrees::LeftToProcessExit);
+    {
+        TreeRelease release;
+        auto a = tree(QStringLiteral("/r1/a"), first);
+        EXPECT_EQ(release.Release({&a}), 1);
+        EXPECT_EQ(a, nullptr);
+        EXPECT_FALSE(first.isDetached());
+        release.FreeKept();  // the next root begins
+        auto b = tree(QStringLiteral("/r2/b"), last);
+        EXPECT_EQ(release.Release({&b}), 1);
+    }
+    TreeRelease::SetLastTrees(TreeRelease::LastTrees::Freed);
+    EXPECT_TRUE(first.isDetached());
+    EXPECT_FALSE(last.isDetached());
+
+    QString freed;
+    {
+        TreeRelease release;
+        auto c = tree(QStringLiteral("/r3/c"), freed);
+        EXPECT_EQ(release.Release({&c}), 1);
+    }
+    EXPECT_TRUE(freed.isDetached());
+}
+
 // The passes over the trees find their few entries on two threads and then handle them one by
 // one: the handling must see exactly the entries a plain walk would, in the same order, or
 // change sets and database writes would differ from run to run.
