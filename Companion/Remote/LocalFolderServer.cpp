@@ -541,11 +541,50 @@ bool KeepConflictCopy(int dirFd, const QByteArray& name, const struct stat& vers
     return false;
 }
 
+// Threads for one depth of a wide tree or for a batch of copies, the calling thread included.
+unsigned ListingThreads() {
+    return std::max(1u, std::min(std::thread::hardware_concurrency(), 4u));
+}
+
+// Runs work(i) for every i below count, on up to ListingThreads() threads (this one among
+// them), each taking the next index when it is free. work must not throw; should it all the
+// same, no further index is started and the first exception is rethrown here.
+template <typename Work>
+void OnThreads(std::size_t count, Work work) {
+    std::atomic<std::size_t> next{0};
+    std::mutex thrownLock;
+    std::exception_ptr thrown;
+    const auto run = [&] {
+        try {
+            for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;)
+                work(i);
+        } catch (...) {
+            next.store(count, std::memory_order_relaxed);
+            const std::lock_guard<std::mutex> lock(thrownLock);
+            if (!thrown) thrown = std::current_exception();
+        }
+    };
+    std::vector<std::thread> helpers;
+    for (unsigned i = 1; i < ListingThreads() && i < count; ++i) {
+        try {
+            helpers.emplace_back(run);
+        } catch (const std::system_error&) {
+            break;  // no thread to be had: the ones running do the work
+        }
+    }
+    run();
+    for (std::thread& helper : helpers) helper.join();
+    if (thrown) std::rethrow_exception(thrown);
+}
+
 }  // namespace
 
 std::function<bool(qint64)> LocalFolderServer::_Transfer(const QString& path, qint64 size) const {
     return [this, path, size](qint64 done) {
-        if (_progress) _progress(path, done, size);
+        if (_progress) {
+            const std::lock_guard<std::mutex> lock(_progressLock);
+            _progress(path, done, size);
+        }
         return !(_exitChecker && _exitChecker->ShouldExit());
     };
 }
@@ -560,13 +599,34 @@ void LocalFolderServer::_StoreRecord(File& record) {
 
 Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&, const Folder&,
                                        QList<File>& files) {
+    // The copies are independent of each other and mostly system calls: they run on several
+    // threads. The database is read and written on this thread only, in the batch's order: a
+    // file that needs its record on the way is copied here afterwards.
+    struct Copy {
+        bool done = false;
+        bool deferred = false;
+        int status = 0;
+        struct stat read {};
+    };
+    std::vector<Copy> copies(std::size_t(files.size()));
+    // Detached here, once: the threads must not make the list copy itself under each other.
+    File* const records = files.data();
+    const auto copy = [&](std::size_t i, bool mayRead) {
+        Copy& c = copies[i];
+        c.deferred = false;
+        c.done = _Upload(records[i], c.status, &c.read, mayRead, &c.deferred);
+    };
+    OnThreads(copies.size(), [&](std::size_t i) { copy(i, /*mayRead=*/false); });
+    for (std::size_t i = 0; i < copies.size(); ++i)
+        if (copies[i].deferred) copy(i, /*mayRead=*/true);
+
     Results r;
     std::vector<UploadedFile> uploaded;
-    for (File& f : files) {
-        int status = 0;
-        struct stat read;
-        if (_Upload(f, status, &read)) {
-            uploaded.emplace_back(&f, read);
+    for (std::size_t i = 0; i < copies.size(); ++i) {
+        File& f = records[i];
+        const int status = copies[i].status;
+        if (copies[i].done) {
+            uploaded.emplace_back(&f, copies[i].read);
             r.CountDone(Results::FileServerCreation, ShownPath(f));
             continue;
         }
@@ -586,7 +646,8 @@ Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&,
     return r;
 }
 
-bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read) {
+bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read, bool mayRead,
+                                bool* deferred) {
     status = 0;
     QByteArray native;
     try {
@@ -640,7 +701,8 @@ bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read) {
     }
     const bool writable = Allowed(dir.fd, ".", W_OK | X_OK);
     const auto settle = [&](const struct stat& stored, const QString& hash) {
-        SetServerFields(f, stored, PrivilegesOf(dir.fd, name.constData(), false, writable));
+        SetServerFields(f, stored,
+                        PrivilegesOf(dir.fd, name.constData(), false, writable, &stored));
         f.size = qint64(before.st_size);
         f.lastModified = WholeSecondsOf(before);
         if (read) *read = before;
@@ -676,6 +738,11 @@ bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read) {
     // cycle brings the copy down like any new server file. The planner marks every file changed
     // on both sides with the server's "version".
     if (exists) {
+        if (!mayRead && _database && f.id > 0) {
+            // Nothing is written yet: the file is copied again where its record can be read.
+            if (deferred) *deferred = true;
+            return false;
+        }
         const File last = _database ? LastSynchronised(*_database, f) : File();
         const QString synchronised = last.properties.value(QStringLiteral("versionId"));
         const bool neverSynchronised = _database && last.id <= 0;
@@ -1159,11 +1226,6 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
 // Below this many folders at one depth the walk stays on the calling thread: starting threads
 // costs more than they save.
 constexpr std::size_t kFoldersWorthThreads = 32;
-
-// Threads for one depth of a wide tree, the calling thread included.
-unsigned ListingThreads() {
-    return std::max(1u, std::min(std::thread::hardware_concurrency(), 4u));
-}
 
 // Lists the folders of one depth into listed (one entry per folder, same order), on several
 // threads when there are many. The status is that of the first failing folder in walk order,

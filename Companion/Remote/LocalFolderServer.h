@@ -5,6 +5,7 @@
 #include <QString>
 #include <functional>
 #include <memory>
+#include <mutex>
 
 #include "RemoteBackend.h"
 #include "ServerConfiguration.h"
@@ -103,8 +104,10 @@ private:
     QByteArray _NativePath(const QString& serverPath) const;
     int _List(Folder& root, bool directOnly, QVector<Folder>* folders, QVector<File>* files);
     // True when the file was transferred and its record settled; else status tells why (0 for
-    // a failure of the local disk).
-    bool _Upload(File& file, int& status, struct stat* read);
+    // a failure of the local disk). On a thread that must not read the database (mayRead
+    // false), a file that needs its database record is left untouched and deferred set.
+    bool _Upload(File& file, int& status, struct stat* read, bool mayRead = true,
+                 bool* deferred = nullptr);
     bool _Download(sync::thread::SynchronizedFileConfiguration& pair, const QString& target,
                    const Folder& root, int& status);
     void _StoreRecord(File& record);
@@ -116,6 +119,8 @@ private:
     std::shared_ptr<sync::interf::IFileConfigManager> _database;
     std::shared_ptr<sync::interf::ICheckForExit> _exitChecker;
     ProgressListener _progress;
+    // Copies run on several threads; the listener hears them one at a time.
+    mutable std::mutex _progressLock;
 };
 
 }  // namespace remote

@@ -574,6 +574,44 @@ TEST_P(RemoteContract, AFailedUploadIsCountedAndKeepsTheServerFileAndTheRecordsC
     }
 }
 
+// A batch of many files, as a first sync sends it: each file ends as it would alone, and the
+// results list them in the batch's order, whichever file the client took first.
+TEST_P(RemoteContract, ABatchOfManyFilesSettlesEachAsItWouldAlone) {
+    UseDisk();
+    QDir().mkpath(LocalOf(QStringLiteral("/Docs")));
+    QList<FileConfiguration> batch;
+    QStringList done;
+    QStringList failed;
+    for (int i = 0; i < 60; ++i) {
+        const QString path = QStringLiteral("/Docs/f%1.txt").arg(i);
+        const int kind = i % 4;  // 0, 1 new; 2 changed since the last sync; 3 parent missing
+        if (kind == 2) backend->PutFile(path, "old");
+        const QString target = kind == 3 ? QStringLiteral("/Docs/gone/f%1.txt").arg(i) : path;
+        if (kind == 3) QDir().mkpath(QFileInfo(LocalOf(target)).absolutePath());
+        WriteLocal(target, QByteArray("content ") + QByteArray::number(i));
+        batch.append(Record(target, kind == 2));
+        (kind == 3 ? failed : done) << LocalOf(target);
+    }
+    const auto r = backend->Uploads().UploadFiles(account, root, batch);
+    EXPECT_EQ(r.FileServerCreationPaths, done);
+    EXPECT_EQ(r.FileServerCreationErrorPaths, failed);
+    EXPECT_EQ(r.errorCodes.value(409), failed.size());
+    for (const FileConfiguration& f : batch) {
+        SCOPED_TRACE(f.serverPath.toStdString());
+        const bool ok = failed.indexOf(f.localPath) < 0;
+        EXPECT_EQ(f.syncStatus, ok ? FileSynchronizationStatus::Synchronized
+                                   : FileSynchronizationStatus::OutOfSync);
+        if (!ok) continue;
+        const QByteArray content = ReadLocal(f.serverPath);
+        EXPECT_EQ(backend->Content(f.serverPath), content);
+        EXPECT_EQ(f.checksum, Sha256(content));
+        EXPECT_EQ(f.properties.value("versionId"),
+                  FileAt(f.serverPath).properties.value("versionId"));
+        ASSERT_GT(f.id, 0);
+        EXPECT_EQ(database->GetFileById(f.id).checksum, f.checksum);
+    }
+}
+
 TEST_P(RemoteContract, AReferencesOnlyUploadOfTheSameContentWritesNothing) {
     UseDisk();
     const QString path = QStringLiteral("/Docs/same.txt");
