@@ -17,6 +17,7 @@
 #include <QTemporaryDir>
 #include <QTextStream>
 #include <QThread>
+#include <atomic>
 #include <cstdio>
 #include <functional>
 
@@ -231,6 +232,28 @@ void ReleaseThreadState() {
     log4cplus::threadCleanup();
 }
 
+// QThread::wait() returns once run() has returned, yet the thread still runs the per-thread
+// clean-ups of every library it used (C++ thread-local objects too) after that. A process that
+// exits meanwhile runs the libraries' exit clean-ups, or unloads them, under those and may
+// crash. A thread of ours notes its kernel id as it starts; the program waits until that
+// thread is gone from the process before it goes on to end.
+class ThreadEnd {
+public:
+    // On the thread itself.
+    void Note() { _id = ::gettid(); }
+    void WaitUntilGone() const {
+        const pid_t id = _id;
+        if (id <= 0) return;
+        const QByteArray task = "/proc/self/task/" + QByteArray::number(id);
+        // Gone within microseconds; the bound only keeps a surprise from hanging the program.
+        for (int waited = 0; waited < 5000 && ::access(task.constData(), F_OK) == 0; ++waited)
+            ::usleep(200);
+    }
+
+private:
+    std::atomic<pid_t> _id{0};
+};
+
 // Only the chosen root folders take part in the cycle.
 class SelectedRoots : public sync::interf::IFolderFilter {
 public:
@@ -256,9 +279,11 @@ public:
           _reporter(std::move(reporter)),
           _configuration(std::move(configuration)) {}
     QString error;
+    ThreadEnd end;
 
 protected:
     void run() override {
+        end.Note();
         try {
             auto synchronizer = _factory->CreateSynchronizer(_reporter, _configuration);
             synchronizer->Synchronize();
@@ -384,6 +409,7 @@ int RunSync(const Arguments& a, HostSetup& setup) {
     thread.start();
     QCoreApplication::exec();
     thread.wait();
+    thread.end.WaitUntilGone();
     QCoreApplication::sendPostedEvents();
     if (progress) progress->Clear();
 
@@ -432,6 +458,10 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
                      [&reporter] { emit reporter->ScheduleChanged(); });
 
     QThread thread;
+    ThreadEnd threadEnd;
+    QObject::connect(
+        &thread, &QThread::started, &thread, [&threadEnd] { threadEnd.Note(); },
+        Qt::DirectConnection);
     auto* service = new sync::syncService::SynchronizationService(
         setup.engineConfiguration, host, sync::factory::CoreFactory::ExitChecker(), factory,
         reporter, scheduleManager);
@@ -456,6 +486,7 @@ int RunService(const Arguments& a, HostSetup& setup, const QString& dbPath) {
     thread.start();
     QCoreApplication::exec();
     thread.wait();
+    threadEnd.WaitUntilGone();
     QCoreApplication::sendPostedEvents();
     if (progress) progress->Clear();
     if (!failure.isEmpty())
