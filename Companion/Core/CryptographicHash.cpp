@@ -41,19 +41,14 @@ bool SameVersion(const struct stat& before, const struct stat& after) {
            before.st_mtim.tv_nsec == after.st_mtim.tv_nsec;
 }
 
-QString Hash(const QString& filePath, std::size_t blockSize,
-             const std::function<void()>& afterBlock) {
-    if (filePath.isEmpty() || blockSize == 0) return QString();
-    const QByteArray nativePath = QFile::encodeName(filePath);
-
-    // Non-blocking open, so that a pipe without a writer cannot hang the cycle; reads of a
-    // regular file are unaffected.
-    FileDescriptor fd(::open(nativePath.constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-    if (fd.get() < 0) return QString();
+// A regular file is read at explicit offsets from its start, so that the descriptor's own
+// offset stays where its owner left it; anything else is read as it comes.
+QString HashDescriptor(int fd, std::size_t blockSize, const std::function<void()>& afterBlock) {
+    if (fd < 0 || blockSize == 0) return QString();
     struct stat before;
-    if (::fstat(fd.get(), &before) != 0 || S_ISDIR(before.st_mode)) return QString();
+    if (::fstat(fd, &before) != 0 || S_ISDIR(before.st_mode)) return QString();
     const bool regular = S_ISREG(before.st_mode);
-    if (regular) ::posix_fadvise(fd.get(), 0, 0, POSIX_FADV_SEQUENTIAL);
+    if (regular) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 
     DigestContext ctx(EVP_MD_CTX_new());
     if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1) return QString();
@@ -67,7 +62,8 @@ QString Hash(const QString& filePath, std::size_t blockSize,
 
     qint64 total = 0;
     for (;;) {
-        const ssize_t n = ::read(fd.get(), buffer.get(), bufferSize);
+        const ssize_t n = regular ? ::pread(fd, buffer.get(), bufferSize, off_t(total))
+                                  : ::read(fd, buffer.get(), bufferSize);
         if (n == 0) break;
         if (n < 0) {
             if (errno == EINTR) continue;
@@ -82,8 +78,7 @@ QString Hash(const QString& filePath, std::size_t blockSize,
 
     if (regular) {
         struct stat after;
-        if (total != before.st_size || ::fstat(fd.get(), &after) != 0 ||
-            !SameVersion(before, after))
+        if (total != before.st_size || ::fstat(fd, &after) != 0 || !SameVersion(before, after))
             return QString();
     }
 
@@ -94,7 +89,25 @@ QString Hash(const QString& filePath, std::size_t blockSize,
         QByteArray(reinterpret_cast<const char*>(digest), static_cast<int>(length)).toHex());
 }
 
+QString Hash(const QString& filePath, std::size_t blockSize,
+             const std::function<void()>& afterBlock) {
+    if (filePath.isEmpty()) return QString();
+    // Non-blocking open, so that a pipe without a writer cannot hang the cycle; reads of a
+    // regular file are unaffected.
+    const FileDescriptor fd(
+        ::open(QFile::encodeName(filePath).constData(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return HashDescriptor(fd.get(), blockSize, afterBlock);
+}
+
 }  // namespace
+
+QString CryptographicHash::HashOpenFile(int fd) {
+    try {
+        return HashDescriptor(fd, READ_BLOCK_SIZE, {});
+    } catch (...) {
+        return QString();
+    }
+}
 
 QString CryptographicHash::HashFile(const QString& filePath, std::size_t blockSize,
                                     const std::function<void()>& afterBlock) {

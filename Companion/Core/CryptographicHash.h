@@ -32,6 +32,9 @@ public:
     // the benchmark compares block sizes. Never throws.
     static QString HashFile(const QString& filePath, std::size_t blockSize,
                             const std::function<void()>& afterBlock = {});
+    // The hash of a file already open for reading, on the same terms: the caller's descriptor
+    // is read from the start without moving its offset, and stays open. Never throws.
+    static QString HashOpenFile(int fd);
 };
 
 }  // namespace core

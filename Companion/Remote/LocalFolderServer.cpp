@@ -716,9 +716,11 @@ bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read, bool ma
     // The server may hold these bytes already (both sides made the same change): then the
     // record is only settled, and nothing is copied or kept as a conflict.
     if (exists && server.st_size == before.st_size) {
-        const QString localHash = sync::core::CryptographicHash().GetFileHash(f.localPath);
-        const QString serverHash =
-            sync::core::CryptographicHash().GetFileHash(QString::fromUtf8(native));
+        // Through the descriptors at hand: the very files compared, and no second path walk.
+        const QString localHash = sync::core::CryptographicHash::HashOpenFile(local.fd);
+        const FdCloser serverFile(
+            ::openat(dir.fd, name.constData(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC));
+        const QString serverHash = sync::core::CryptographicHash::HashOpenFile(serverFile.fd);
         struct stat after;
         if (!localHash.isEmpty() && localHash == serverHash && ::fstat(local.fd, &after) == 0 &&
             SameStamp(before, after, false)) {

@@ -63,6 +63,21 @@ TEST_F(HashTest, HashIsTheContentsSha256OrEmptyWhenTheFileCannotBeRead) {
     }
 }
 
+// Through a descriptor its owner goes on reading: the whole file is hashed, and the owner's
+// offset stays where it was.
+TEST_F(HashTest, AnOpenFileIsHashedWholeWithoutMovingItsOffset) {
+    QByteArray content(3 * 1024 * 1024 + 5, 'x');
+    for (int i = 0; i < content.size(); i += 4093) content[i] = char('a' + i % 26);
+    const int fd = ::open(QFile::encodeName(Write("big", content)).constData(), O_RDONLY);
+    ASSERT_GE(fd, 0);
+    char first[3];
+    ASSERT_EQ(::read(fd, first, sizeof first), 3);
+    EXPECT_EQ(sync::core::CryptographicHash::HashOpenFile(fd), Sha256(content));
+    EXPECT_EQ(::lseek(fd, 0, SEEK_CUR), 3);
+    ::close(fd);
+    EXPECT_EQ(sync::core::CryptographicHash::HashOpenFile(-1), QString());
+}
+
 // The seam calls back after each block of 4 KiB; each row changes the file between two reads.
 // Times are set explicitly after every block: a row that changes the size keeps the time the
 // file was written, so that only the size can tell; a row that keeps the size moves the time.
