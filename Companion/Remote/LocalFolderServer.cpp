@@ -821,13 +821,30 @@ bool LocalFolderServer::_Upload(File& f, int& status, struct stat* read, bool ma
 Results LocalFolderServer::DownloadFiles(
     const sync::config::ServerConfiguration&, const Folder& root,
     QList<sync::thread::SynchronizedFileConfiguration>& files) {
-    Results r;
-    for (sync::thread::SynchronizedFileConfiguration& pair : files) {
-        File& record = pair.databaseRecord;
-        const QString target =
-            pair.serverRecord.localPath.isEmpty() ? record.localPath : pair.serverRecord.localPath;
+    const auto targetOf = [](const sync::thread::SynchronizedFileConfiguration& pair) {
+        return pair.serverRecord.localPath.isEmpty() ? pair.databaseRecord.localPath
+                                                     : pair.serverRecord.localPath;
+    };
+    // As for uploads: the copies on several threads (a download reads no record from the
+    // database), the records and the counts on this one, in the batch's order.
+    struct Copy {
+        bool done = false;
         int status = 0;
-        if (_Download(pair, target, root, status)) {
+    };
+    std::vector<Copy> copies(std::size_t(files.size()));
+    // Detached here, once: the threads must not make the list copy itself under each other.
+    sync::thread::SynchronizedFileConfiguration* const pairs = files.data();
+    OnThreads(copies.size(), [&](std::size_t i) {
+        copies[i].done = _Download(pairs[i], targetOf(pairs[i]), root, copies[i].status);
+    });
+
+    Results r;
+    for (std::size_t i = 0; i < copies.size(); ++i) {
+        sync::thread::SynchronizedFileConfiguration& pair = pairs[i];
+        File& record = pair.databaseRecord;
+        const QString target = targetOf(pair);
+        const int status = copies[i].status;
+        if (copies[i].done) {
             _StoreRecord(record);
             r.CountDone(Results::FileLocalCreation, target);
             continue;

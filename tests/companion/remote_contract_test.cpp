@@ -668,6 +668,51 @@ TEST_P(RemoteContract, DownloadPutsTheFileInPlaceAndSettlesTheRecord) {
     }
 }
 
+// A batch of many downloads: each file ends as it would alone, and the results list them in
+// the batch's order, whichever file the client took first.
+TEST_P(RemoteContract, ABatchOfManyDownloadsSettlesEachAsItWouldAlone) {
+    UseDisk();
+    QDir().mkpath(LocalOf(QStringLiteral("/Docs/sub")));
+    QList<sync::thread::SynchronizedFileConfiguration> batch;
+    QStringList done;
+    QStringList failed;
+    for (int i = 0; i < 60; ++i) {
+        // 0, 1 new; 2 changed on the server since the last sync; 3 gone from the server
+        const int kind = i % 4;
+        const QString path =
+            (i % 2 ? QStringLiteral("/Docs/sub/f%1.txt") : QStringLiteral("/Docs/f%1.txt")).arg(i);
+        if (kind == 2) {
+            backend->PutFile(path, "base");
+            WriteLocal(path, "base");
+        }
+        FileConfiguration record = Record(path, kind == 2);
+        backend->PutFile(path, QByteArray("server ") + QByteArray::number(i));
+        FileConfiguration serverRecord = FileAt(path);
+        if (kind == 3) backend->Remove(path);
+        batch.append({serverRecord, record});
+        (kind == 3 ? failed : done) << record.localPath;
+    }
+    const auto r = backend->Downloads().DownloadFiles(account, root, batch);
+    EXPECT_EQ(r.FileLocalCreationPaths, done);
+    EXPECT_EQ(r.FileLocalCreationErrorPaths, failed);
+    EXPECT_EQ(r.errorCodes.value(404), failed.size());
+    EXPECT_TRUE(QDir(disk.path() + "/.{SyncTemp}").isEmpty()) << "a temporary file is left";
+    for (const auto& pair : batch) {
+        const FileConfiguration& f = pair.databaseRecord;
+        SCOPED_TRACE(f.localPath.toStdString());
+        if (failed.contains(f.localPath)) {
+            EXPECT_FALSE(QFileInfo::exists(f.localPath));
+            continue;
+        }
+        const QByteArray content = backend->Content(pair.serverRecord.serverPath);
+        EXPECT_EQ(ReadLocal(pair.serverRecord.serverPath), content);
+        EXPECT_EQ(f.checksum, Sha256(content));
+        EXPECT_EQ(f.syncStatus, FileSynchronizationStatus::Synchronized);
+        ASSERT_GT(f.id, 0);
+        EXPECT_EQ(database->GetFileById(f.id).checksum, f.checksum);
+    }
+}
+
 TEST_P(RemoteContract, ADownloadDoesNotReplaceALocalFileEditedSincePlanning) {
     if (backend->Departs(kLocalEdits)) GTEST_SKIP() << "known departure: " << kLocalEdits;
     UseDisk();
