@@ -546,6 +546,15 @@ unsigned ListingThreads() {
     return std::max(1u, std::min(std::thread::hardware_concurrency(), 4u));
 }
 
+// The elements of a list, to be handed to several threads: the list detaches here, once.
+template <typename T>
+std::vector<T*> Elements(QList<T>& list) {
+    std::vector<T*> elements;
+    elements.reserve(std::size_t(list.size()));
+    for (T& element : list) elements.push_back(&element);
+    return elements;
+}
+
 // Runs work(i) for every i below count, on up to ListingThreads() threads (this one among
 // them), each taking the next index when it is free. work must not throw; should it all the
 // same, no further index is started and the first exception is rethrown here.
@@ -609,12 +618,12 @@ Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&,
         struct stat read {};
     };
     std::vector<Copy> copies(std::size_t(files.size()));
-    // Detached here, once: the threads must not make the list copy itself under each other.
-    File* const records = files.data();
+    // Taken here, once: the threads must not make the list copy itself under each other.
+    const std::vector<File*> records = Elements(files);
     const auto copy = [&](std::size_t i, bool mayRead) {
         Copy& c = copies[i];
         c.deferred = false;
-        c.done = _Upload(records[i], c.status, &c.read, mayRead, &c.deferred);
+        c.done = _Upload(*records[i], c.status, &c.read, mayRead, &c.deferred);
     };
     OnThreads(copies.size(), [&](std::size_t i) { copy(i, /*mayRead=*/false); });
     for (std::size_t i = 0; i < copies.size(); ++i)
@@ -623,7 +632,7 @@ Results LocalFolderServer::UploadFiles(const sync::config::ServerConfiguration&,
     Results r;
     std::vector<UploadedFile> uploaded;
     for (std::size_t i = 0; i < copies.size(); ++i) {
-        File& f = records[i];
+        File& f = *records[i];
         const int status = copies[i].status;
         if (copies[i].done) {
             uploaded.emplace_back(&f, copies[i].read);
@@ -832,15 +841,15 @@ Results LocalFolderServer::DownloadFiles(
         int status = 0;
     };
     std::vector<Copy> copies(std::size_t(files.size()));
-    // Detached here, once: the threads must not make the list copy itself under each other.
-    sync::thread::SynchronizedFileConfiguration* const pairs = files.data();
+    // Taken here, once: the threads must not make the list copy itself under each other.
+    const std::vector<sync::thread::SynchronizedFileConfiguration*> pairs = Elements(files);
     OnThreads(copies.size(), [&](std::size_t i) {
-        copies[i].done = _Download(pairs[i], targetOf(pairs[i]), root, copies[i].status);
+        copies[i].done = _Download(*pairs[i], targetOf(*pairs[i]), root, copies[i].status);
     });
 
     Results r;
     for (std::size_t i = 0; i < copies.size(); ++i) {
-        sync::thread::SynchronizedFileConfiguration& pair = pairs[i];
+        sync::thread::SynchronizedFileConfiguration& pair = *pairs[i];
         File& record = pair.databaseRecord;
         const QString target = targetOf(pair);
         const int status = copies[i].status;
