@@ -555,26 +555,24 @@ std::vector<T*> Elements(QList<T>& list) {
     return elements;
 }
 
-// Runs work(i) for every i below count, on up to ListingThreads() threads (this one among
-// them), each taking the next index when it is free. work must not throw; should it all the
-// same, no further index is started and the first exception is rethrown here.
-template <typename Work>
-void OnThreads(std::size_t count, Work work) {
-    std::atomic<std::size_t> next{0};
+// Runs body on up to `threads` threads, this one among them, and waits for all of them. The
+// first exception a body throws is rethrown here once all have ended; stop is called as it is
+// caught, for the others to end early.
+template <typename Body, typename Stop>
+void RunOnThreads(unsigned threads, Body body, Stop stop) {
     std::mutex thrownLock;
     std::exception_ptr thrown;
     const auto run = [&] {
         try {
-            for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;)
-                work(i);
+            body();
         } catch (...) {
-            next.store(count, std::memory_order_relaxed);
+            stop();
             const std::lock_guard<std::mutex> lock(thrownLock);
             if (!thrown) thrown = std::current_exception();
         }
     };
     std::vector<std::thread> helpers;
-    for (unsigned i = 1; i < ListingThreads() && i < count; ++i) {
+    for (unsigned i = 1; i < threads; ++i) {
         try {
             helpers.emplace_back(run);
         } catch (const std::system_error&) {
@@ -584,6 +582,21 @@ void OnThreads(std::size_t count, Work work) {
     run();
     for (std::thread& helper : helpers) helper.join();
     if (thrown) std::rethrow_exception(thrown);
+}
+
+// Runs work(i) for every i below count, on up to ListingThreads() threads, each taking the
+// next index when it is free. work must not throw; should it all the same, no further index
+// is started and the first exception is rethrown here.
+template <typename Work>
+void OnThreads(std::size_t count, Work work) {
+    std::atomic<std::size_t> next{0};
+    RunOnThreads(
+        unsigned(std::min<std::size_t>(ListingThreads(), count)),
+        [&] {
+            for (std::size_t i; (i = next.fetch_add(1, std::memory_order_relaxed)) < count;)
+                work(i);
+        },
+        [&] { next.store(count, std::memory_order_relaxed); });
 }
 
 }  // namespace
@@ -1265,41 +1278,21 @@ int ListDepth(const FolderLister& lister, const std::vector<PendingFolder>& dept
     listed.resize(depth.size());
     std::atomic<std::size_t> next{0};
     std::atomic<bool> failed{false};
-    std::mutex thrownLock;
-    std::exception_ptr thrown;
     const sync::syncService::EntryInfoTree::TextSource* texts =
         sync::syncService::EntryInfoTree::TextSource::OfThisThread();
     const auto work = [&] {
         const sync::syncService::EntryInfoTree::TextSource::Lent lent(texts);
-        try {
-            const FolderListing* previous = nullptr;
-            while (!failed.load(std::memory_order_relaxed)) {
-                const std::size_t i = next.fetch_add(1, std::memory_order_relaxed);
-                if (i >= depth.size()) return;
-                listed[i].status = lister.List(depth[i], isRoot, listed[i], previous);
-                previous = &listed[i];
-                if (listed[i].status != 0) failed.store(true, std::memory_order_relaxed);
-            }
-        } catch (...) {
-            failed.store(true, std::memory_order_relaxed);
-            const std::lock_guard<std::mutex> lock(thrownLock);
-            if (!thrown) thrown = std::current_exception();
+        const FolderListing* previous = nullptr;
+        while (!failed.load(std::memory_order_relaxed)) {
+            const std::size_t i = next.fetch_add(1, std::memory_order_relaxed);
+            if (i >= depth.size()) return;
+            listed[i].status = lister.List(depth[i], isRoot, listed[i], previous);
+            previous = &listed[i];
+            if (listed[i].status != 0) failed.store(true, std::memory_order_relaxed);
         }
     };
-    std::vector<std::thread> helpers;
-    if (depth.size() >= kFoldersWorthThreads) {
-        const unsigned threads = ListingThreads();
-        for (unsigned i = 1; i < threads; ++i) {
-            try {
-                helpers.emplace_back(work);
-            } catch (const std::system_error&) {
-                break;  // no thread to be had: the ones running do the work
-            }
-        }
-    }
-    work();
-    for (std::thread& helper : helpers) helper.join();
-    if (thrown) std::rethrow_exception(thrown);
+    RunOnThreads(depth.size() >= kFoldersWorthThreads ? ListingThreads() : 1u, work,
+                 [&] { failed.store(true, std::memory_order_relaxed); });
     for (const FolderListing& folder : listed) {
         if (folder.status == 0) continue;
         if (folder.warn) folder.warn();
