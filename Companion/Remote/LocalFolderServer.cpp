@@ -1353,16 +1353,17 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
     QVector<File> foundFiles;
     for (bool isRoot = true; !depth.empty(); isRoot = false) {
         if (const int status = ListDepth(lister, depth, isRoot, listed)) return status;
-        std::size_t deeper = 0, folderCount = 0, fileCount = 0;
+        std::size_t deeper = 0, folderCount = 0;
         for (const FolderListing& folder : listed) {
             deeper += folder.subfolders.size();
             folderCount += std::size_t(folder.folders.size());
-            fileCount += std::size_t(folder.files.size());
         }
         std::vector<PendingFolder> next;
         next.reserve(deeper);
         MakeRoom(foundFolders, folderCount);
-        MakeRoom(foundFiles, fileCount);
+        // The files grow as each folder's are moved over and freed: room made for all of them
+        // first would hold a depth's files twice. Records are relocatable, so growing moves
+        // no record.
         for (FolderListing& folder : listed) {
             std::move(folder.subfolders.begin(), folder.subfolders.end(), std::back_inserter(next));
             MoveAppend(foundFolders, folder.folders);

@@ -13,6 +13,7 @@
 
 #include "FileConfiguration.h"
 #include "FolderConfiguration.h"
+#include "RecordMap.h"
 #include "SyncLog.h"
 
 namespace sync {
@@ -66,36 +67,27 @@ public:
         map.insert(key, record);
 #endif
     }
+    template <typename Record>
+    static void Put(RecordMap<Record>& map, const QString& key, Record&& record) {
+        map.insert(key, std::move(record));
+    }
 
-    // Hands every record of `records` to `take` in order, moved out. With `compact`, gives the
-    // vector's storage back as it goes: the last listing of a pass and the tree made of it
-    // would otherwise both be alive at full size while the other trees are. Giving it back
-    // costs fresh memory and a move for what is left, so a read that is not the peak of the
-    // pass does without. Stops, leaving the vector empty, when `take` returns false; returns
-    // whether every record was taken.
+    // Makes `records` the storage of `map`, which holds nothing yet, and hands each record to
+    // `take` in order while it is pending; `take` settles it under its key or leaves it out,
+    // through the map. Stops when `take` returns false, leaving the rest out; returns whether
+    // every record was taken. No record is moved: a listing of 100,000 records and the tree
+    // made of it are never both in memory.
     template <typename Record, typename Take>
-    static bool Drain(QVector<Record>& records, bool compact, Take take) {
-        // Every step moves what is left into a vector of its own size, once half of the
-        // current one has been taken: each record moves once more on average.
-        constexpr qsizetype MinimumStep = 1024;
-        qsizetype next = 0;
-        while (next < records.size()) {
-            if (!take(std::move(records[next]))) {
-                records = QVector<Record>();
+    static bool AdoptEach(RecordMap<Record>& map, QVector<Record>&& records, Take take) {
+        map.Adopt(std::move(records));
+        while (map.HasPending()) {
+            const qsizetype before = map.Settled();
+            if (!take(map.Pending())) {
+                map.LeaveRest();
                 return false;
             }
-            ++next;
-            const qsizetype left = records.size() - next;
-            if (compact && next >= MinimumStep && next * 2 >= records.size() && left > 0) {
-                QVector<Record> rest;
-                rest.reserve(left);
-                for (qsizetype i = next; i < records.size(); ++i)
-                    rest.append(std::move(records[i]));
-                records = std::move(rest);
-                next = 0;
-            }
+            if (map.Settled() == before) map.Leave();
         }
-        records = QVector<Record>();
         return true;
     }
 
@@ -118,11 +110,40 @@ public:
             return {};
         }
         const QStringList clash{slot.*path, record.*path};
-        SYNC_LOG_WARN(
-            "Leaving out %1 and %2: their names differ only in letter case, and one would "
-            "overwrite the other. Rename one of them to synchronise both.",
-            clash.at(0), clash.at(1));
+        _LogClash(clash);
         map.remove(key);
+        clashingKeys.insert(key);
+        excludedKeys.insert(key);
+        return clash;
+    }
+    template <typename Record>
+    QStringList PutWalked(RecordMap<Record>& map, QSet<QString>& excludedKeys,
+                          QSet<QString>& clashingKeys, const QString& key, Record&& record,
+                          QString Record::*path) {
+        map.AppendPending(std::move(record));
+        return SettleWalked(map, excludedKeys, clashingKeys, key, path);
+    }
+    // PutWalked for the map's pending record, which it settles or leaves out.
+    template <typename Record>
+    QStringList SettleWalked(RecordMap<Record>& map, QSet<QString>& excludedKeys,
+                             QSet<QString>& clashingKeys, const QString& key,
+                             QString Record::*path) {
+        const Record& pending = map.Pending();
+        if (clashingKeys.contains(key)) {
+            const QStringList newcomer{pending.*path};
+            map.Leave();
+            return newcomer;
+        }
+        const auto held = map.constFind(key);
+        // The same name listed twice is one entry, not a clash.
+        if (held == map.constEnd() || (*held).*path == pending.*path) {
+            map.Settle(key);
+            return {};
+        }
+        const QStringList clash{(*held).*path, pending.*path};
+        _LogClash(clash);
+        map.remove(key);
+        map.Leave();
         clashingKeys.insert(key);
         excludedKeys.insert(key);
         return clash;
@@ -173,7 +194,7 @@ public:
             return current;
         }
         template <typename Record>
-        static const QHash<QString, Record>& MapOf(const EntryInfoTree& tree);
+        static const auto& MapOf(const EntryInfoTree& tree);
 
         const TextSource* _outer;
         // Not owned: a tree its owner lets go of is freed as it would be without the source.
@@ -210,8 +231,15 @@ public:
         return key;
     }
 
+    static void _LogClash(const QStringList& clash) {
+        SYNC_LOG_WARN(
+            "Leaving out %1 and %2: their names differ only in letter case, and one would "
+            "overwrite the other. Rename one of them to synchronise both.",
+            clash.at(0), clash.at(1));
+    }
+
     QHash<QString, sync::config::FolderConfiguration> folderMap;
-    QHash<QString, sync::config::FileConfiguration> fileMap;
+    RecordMap<sync::config::FileConfiguration> fileMap;
 
     // Keys of entries that the retriever left out by a rule (a filter, a length limit, two
     // names that differ only in letter case). Such an entry, and for a folder everything below
@@ -227,14 +255,14 @@ public:
 };
 
 template <>
-inline const QHash<QString, sync::config::FileConfiguration>&
-EntryInfoTree::TextSource::MapOf<sync::config::FileConfiguration>(const EntryInfoTree& tree) {
+inline const auto& EntryInfoTree::TextSource::MapOf<sync::config::FileConfiguration>(
+    const EntryInfoTree& tree) {
     return tree.fileMap;
 }
 
 template <>
-inline const QHash<QString, sync::config::FolderConfiguration>&
-EntryInfoTree::TextSource::MapOf<sync::config::FolderConfiguration>(const EntryInfoTree& tree) {
+inline const auto& EntryInfoTree::TextSource::MapOf<sync::config::FolderConfiguration>(
+    const EntryInfoTree& tree) {
     return tree.folderMap;
 }
 

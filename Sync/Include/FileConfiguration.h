@@ -71,3 +71,7 @@ private:
 
 }  // namespace config
 }  // namespace sync
+
+// Every member may be moved in memory as raw bytes. Vectors of 100,000 records then grow in
+// place (realloc) instead of into a second block beside the first.
+Q_DECLARE_TYPEINFO(sync::config::FileConfiguration, Q_RELOCATABLE_TYPE);

@@ -25,32 +25,24 @@ std::shared_ptr<EntryInfoTree> ConfigEntryInfoTreeRetriever::GetEntryInfoTree(
     const QVector<FolderConfiguration> folders = _folderConfigManager->GetFoldersByRootId(root.id);
 
     // Later records replace earlier ones under the same key: the last one returned is kept.
-    // Sized up front: growing a hash of 100,000 records rehashes and copies them repeatedly.
     tree->folderMap.reserve(folders.size());
-    tree->fileMap.reserve(files.size());
     for (const FolderConfiguration& folder : folders) {
         QString key = EntryInfoTree::KeyOf(folder.serverPath);
         FolderConfiguration record(folder);
         EntryInfoTree::ShareTexts(key, record);
         tree->folderMap.insert(key, record);
     }
-    // The records move into the tree: the query result is not needed afterwards. It is freed
-    // at the end rather than as it goes, which would cost more time than it saves here: the
-    // peak of a pass comes with the server tree.
+    // The query result becomes the tree's own storage: its records stay where they are.
     QVector<ReplacedFile> replaced;
     int duplicates = 0;
-    EntryInfoTree::Drain(files, /*compact=*/false, [&](FileConfiguration&& file) {
+    EntryInfoTree::AdoptEach(tree->fileMap, std::move(files), [&](FileConfiguration& file) {
         const QString key = EntryInfoTree::SharedKeyOf(file);
-        // One lookup for the usual case of a new key: the slot made for it is filled.
-        const auto sizeBefore = tree->fileMap.size();
-        FileConfiguration& slot = tree->fileMap[key];
-        if (tree->fileMap.size() != sizeBefore) {
-            slot = std::move(file);
-            return true;
+        const auto held = tree->fileMap.constFind(key);
+        if (held != tree->fileMap.constEnd()) {
+            ++duplicates;
+            if (held->id != file.id) replaced.append(ReplacedFile{held->id, held->localPath});
         }
-        ++duplicates;
-        if (slot.id != file.id) replaced.append(ReplacedFile{slot.id, slot.localPath});
-        slot = std::move(file);
+        tree->fileMap.Settle(key);
         return true;
     });
 

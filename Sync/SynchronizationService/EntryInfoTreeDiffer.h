@@ -28,7 +28,7 @@ protected:
     }
 
 private:
-    using FileMap = QHash<QString, sync::config::FileConfiguration>;
+    using FileMap = decltype(EntryInfoTree::fileMap);
     using FolderMap = QHash<QString, sync::config::FolderConfiguration>;
 
     // Each pass returns how many entries of the other side it found in the config tree, so

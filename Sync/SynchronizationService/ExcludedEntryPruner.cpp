@@ -84,7 +84,7 @@ private:
 
     QString _rootKey;
     bool _hidden;
-    const QHash<QString, sync::config::FileConfiguration>& _localFiles;
+    const decltype(EntryInfoTree::fileMap)& _localFiles;
     QSet<QString> _folders;
     QSet<QString> _files;
 };

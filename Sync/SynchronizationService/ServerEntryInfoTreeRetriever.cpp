@@ -118,20 +118,20 @@ void ServerEntryInfoTreeRetriever::_GetRootEntryInfo(FolderConfiguration& root,
 bool ServerEntryInfoTreeRetriever::_AddFiles(QVector<FileConfiguration>& files, EntryInfoTree& tree,
                                              sync::interf::ICheckForExit& checkForExit,
                                              int& filteredCount) {
-    // The listing is ours and dies here: its records move into the tree. Not sized up front:
-    // measured, a hash reserved for the whole listing holds a fifth more memory at the end.
-    return EntryInfoTree::Drain(files, /*compact=*/true, [&](FileConfiguration&& file) {
+    // The listing is ours and becomes the tree's own storage: its records stay where they are.
+    return EntryInfoTree::AdoptEach(tree.fileMap, std::move(files), [&](FileConfiguration& file) {
         if (checkForExit.ShouldExit()) return false;
         const QString key = EntryInfoTree::SharedKeyOf(file);
         if (_FilterFile(file) || _FilterFileNameByMaxLength(file)) {
             ++filteredCount;
             tree.excludedFileKeys.insert(key);
             SYNC_LOG_DEBUG("Filtered out server file %1", file.serverPath);
+            tree.fileMap.Leave();
             return true;
         }
         const QStringList clash =
-            tree.PutWalked(tree.fileMap, tree.excludedFileKeys, tree.clashingFileKeys, key,
-                           std::move(file), &FileConfiguration::serverPath);
+            tree.SettleWalked(tree.fileMap, tree.excludedFileKeys, tree.clashingFileKeys, key,
+                              &FileConfiguration::serverPath);
         filteredCount += clash.size();
         _ReportClash(clash, /*folders=*/false);
         return true;

@@ -175,7 +175,7 @@ bool SynchronizationPreProcessor::_ConfigHasNoChecksum(const FileConfiguration& 
 }
 
 void SynchronizationPreProcessor::_UpdateDbAndClearupFolder(
-    QHash<QString, FileConfiguration>& configFiles, QList<QString>& removeKeys,
+    decltype(EntryInfoTree::fileMap)& configFiles, QList<QString>& removeKeys,
     QList<QString>& updateKeys, QSet<QString>& folders, const QString& rootPath) {
     if (!removeKeys.isEmpty() || !updateKeys.isEmpty()) {
         sync::database::TransactionalScope scope;

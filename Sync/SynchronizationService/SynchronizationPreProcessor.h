@@ -47,7 +47,7 @@ private:
     bool _TwoFilesAreTheSame(std::shared_ptr<sync::interf::IQFileWrapper> a,
                              std::shared_ptr<sync::interf::IQFileWrapper> b, QString& checksum);
     static bool _ConfigHasNoChecksum(const sync::config::FileConfiguration& file);
-    void _UpdateDbAndClearupFolder(QHash<QString, sync::config::FileConfiguration>& configFiles,
+    void _UpdateDbAndClearupFolder(decltype(EntryInfoTree::fileMap)& configFiles,
                                    QList<QString>& removeKeys, QList<QString>& updateKeys,
                                    QSet<QString>& folders, const QString& rootPath);
     // The temporary partner of the file set in file, or empty when there can be none.

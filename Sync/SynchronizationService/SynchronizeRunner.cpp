@@ -18,7 +18,7 @@ using sync::config::FolderSynchronizationStatus;
 
 namespace {
 
-using FileMap = QHash<QString, FileConfiguration>;
+using FileMap = decltype(EntryInfoTree::fileMap);
 
 const QString kVersion = QStringLiteral("version");
 const QString kVersionId = QStringLiteral("versionId");

@@ -20,7 +20,7 @@ struct TreeRelease::Contents {
           clashingFileKeys(std::move(tree.clashingFileKeys)) {}
 
     QHash<QString, sync::config::FolderConfiguration> folderMap;
-    QHash<QString, sync::config::FileConfiguration> fileMap;
+    decltype(EntryInfoTree::fileMap) fileMap;
     QSet<QString> excludedFolderKeys;
     QSet<QString> excludedFileKeys;
     QSet<QString> clashingFolderKeys;

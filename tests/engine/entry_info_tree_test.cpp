@@ -46,31 +46,6 @@ TEST(EntryInfoTreeTest, KeyIsTheLowerCaseOfThePath) {
     }
 }
 
-// Records come out in order, each exactly once and whole, however often the rest is moved;
-// a refused record ends the run, and the vector is given back empty either way.
-TEST(EntryInfoTreeTest, DrainHandsOverEveryRecordInOrder) {
-    const struct {
-        int count;
-        int refuseAt;  // -1: take everything
-    } rows[] = {{0, -1}, {1, -1}, {1023, -1}, {1024, -1}, {5000, -1}, {5000, 0}, {5000, 3100}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.count << " records, refused at " << row.refuseAt);
-        QVector<QString> records;
-        for (int i = 0; i < row.count; ++i) records.append(QString("record %1").arg(i));
-        QStringList taken;
-        const bool all = EntryInfoTree::Drain(records, /*compact=*/true, [&](QString&& record) {
-            if (taken.size() == row.refuseAt) return false;
-            taken.append(std::move(record));
-            return true;
-        });
-        EXPECT_EQ(all, row.refuseAt < 0);
-        EXPECT_TRUE(records.isEmpty());
-        const int expected = row.refuseAt < 0 ? row.count : row.refuseAt;
-        ASSERT_EQ(taken.size(), expected);
-        for (int i = 0; i < expected; ++i) ASSERT_EQ(taken.at(i), QString("record %1").arg(i));
-    }
-}
-
 // A copy that shares no text with the original, as a record read from another source is.
 QString Fresh(const QString& s) {
     return s.isNull() ? QString() : QString(s.constData(), s.size());
