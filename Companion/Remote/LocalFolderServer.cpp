@@ -3,6 +3,9 @@
 #include "OpenNameByName.h"
 
 #include <dirent.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -1311,6 +1314,17 @@ void MakeRoom(QVector<Record>& records, std::size_t extra) {
         records.reserve(std::max(needed, records.capacity() + records.capacity() / 2));
 }
 
+// The folders' listings are made on the listing threads, and their memory stays with those
+// threads' heaps when freed; the merged listing grows in fresh memory meanwhile. Handing the
+// freed memory back to the system as the merge goes keeps the listing in memory once instead
+// of twice (some 30 MB for 100,000 files).
+constexpr std::size_t kTrimEvery = 8u << 20;
+void GiveBackFreedMemory() {
+#ifdef __GLIBC__
+    malloc_trim(0);
+#endif
+}
+
 // Appends from's records to to, moved, and frees from's room; to takes from whole when it holds
 // nothing yet and has no room reserved for more.
 template <typename Record>
@@ -1364,10 +1378,16 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
         // The files grow as each folder's are moved over and freed: room made for all of them
         // first would hold a depth's files twice. Records are relocatable, so growing moves
         // no record.
+        std::size_t moved = 0;
         for (FolderListing& folder : listed) {
             std::move(folder.subfolders.begin(), folder.subfolders.end(), std::back_inserter(next));
             MoveAppend(foundFolders, folder.folders);
+            moved += std::size_t(folder.files.size()) * sizeof(File);
             MoveAppend(foundFiles, folder.files);
+            if (moved >= kTrimEvery) {
+                GiveBackFreedMemory();
+                moved = 0;
+            }
         }
         listed.clear();
         depth = std::move(next);
