@@ -7,6 +7,7 @@
 #include <QtGlobal>
 
 #include "FileLink.h"
+#include "SparseValue.h"
 #include "SyncEnums.h"
 
 namespace sync {
@@ -40,11 +41,11 @@ public:
     QString localPath;
     QString serverPath;
     QString checksum;
-    QString contentType;  // kept for the host; the engine does not read it
     QString privilegeInfo;
     QString serverFileId;
     QString serverChecksum;
-    QList<FileLink> fileLinks;
+    SparseValue<QString> contentType;        // kept for the host; the engine does not read it
+    SparseValue<QList<FileLink>> fileLinks;  // kept for the host
     QMap<QString, QString> properties;
     QDateTime created;  // kept for the host; the engine does not read it
     QDateTime lastModified;

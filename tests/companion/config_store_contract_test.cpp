@@ -208,7 +208,7 @@ TYPED_TEST(ConfigStoreContract, PopulatedRecordsComeBackUnchanged) {
     folder.lastModified = QDateTime();
     folder.properties.clear();
     folder.syncStatus = FolderSynchronizationStatus::Synchronized;
-    file.fileLinks.removeFirst();
+    file.fileLinks = file.fileLinks.value().mid(1);
     file.properties.remove("version");
     file.created = QDateTime();
     file.size = 0;

@@ -53,10 +53,10 @@ QString Fresh(const QString& s) {
 
 FileConfiguration FreshFile(const FileConfiguration& f) {
     FileConfiguration copy(f);
-    for (QString* text :
-         {&copy.name, &copy.localPath, &copy.serverPath, &copy.checksum, &copy.contentType,
-          &copy.privilegeInfo, &copy.serverFileId, &copy.serverChecksum})
+    for (QString* text : {&copy.name, &copy.localPath, &copy.serverPath, &copy.checksum,
+                          &copy.privilegeInfo, &copy.serverFileId, &copy.serverChecksum})
         *text = Fresh(*text);
+    copy.contentType = Fresh(f.contentType);
     copy.properties = {};
     for (auto it = f.properties.cbegin(); it != f.properties.cend(); ++it)
         copy.properties.insert(Fresh(it.key()), Fresh(it.value()));

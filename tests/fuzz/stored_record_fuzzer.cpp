@@ -308,8 +308,9 @@ void Use(const FolderConfiguration& f) {
     Use(f.properties);
 }
 void Use(const FileConfiguration& f) {
-    for (const QString* s : {&f.name, &f.localPath, &f.serverPath, &f.checksum, &f.contentType,
-                             &f.privilegeInfo, &f.serverFileId, &f.serverChecksum})
+    for (const QString* s :
+         {&f.name, &f.localPath, &f.serverPath, &f.checksum, &f.contentType.value(),
+          &f.privilegeInfo, &f.serverFileId, &f.serverChecksum})
         Use(*s);
     for (const QDateTime* t :
          {&f.created, &f.lastModified, &f.lastTransferAttempt, &f.serverModified})
