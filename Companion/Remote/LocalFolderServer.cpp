@@ -1317,8 +1317,10 @@ void MakeRoom(QVector<Record>& records, std::size_t extra) {
 // The folders' listings are made on the listing threads, and their memory stays with those
 // threads' heaps when freed; the merged listing grows in fresh memory meanwhile. Handing the
 // freed memory back to the system as the merge goes keeps the listing in memory once instead
-// of twice (some 30 MB for 100,000 files).
-constexpr std::size_t kTrimEvery = 8u << 20;
+// of twice (some 30 MB for 100,000 files). Each hand-back walks the whole heap, so a depth
+// makes a few of them, however large it is.
+constexpr std::size_t kTrimAtLeast = 8u << 20;
+constexpr std::size_t kTrimsPerDepth = 4;
 void GiveBackFreedMemory() {
 #ifdef __GLIBC__
     malloc_trim(0);
@@ -1367,10 +1369,11 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
     QVector<File> foundFiles;
     for (bool isRoot = true; !depth.empty(); isRoot = false) {
         if (const int status = ListDepth(lister, depth, isRoot, listed)) return status;
-        std::size_t deeper = 0, folderCount = 0;
+        std::size_t deeper = 0, folderCount = 0, fileBytes = 0;
         for (const FolderListing& folder : listed) {
             deeper += folder.subfolders.size();
             folderCount += std::size_t(folder.folders.size());
+            fileBytes += std::size_t(folder.files.size()) * sizeof(File);
         }
         std::vector<PendingFolder> next;
         next.reserve(deeper);
@@ -1378,13 +1381,14 @@ int LocalFolderServer::_List(Folder& root, bool directOnly, QVector<Folder>* fol
         // The files grow as each folder's are moved over and freed: room made for all of them
         // first would hold a depth's files twice. Records are relocatable, so growing moves
         // no record.
+        const std::size_t trimEvery = std::max(kTrimAtLeast, fileBytes / kTrimsPerDepth);
         std::size_t moved = 0;
         for (FolderListing& folder : listed) {
             std::move(folder.subfolders.begin(), folder.subfolders.end(), std::back_inserter(next));
             MoveAppend(foundFolders, folder.folders);
             moved += std::size_t(folder.files.size()) * sizeof(File);
             MoveAppend(foundFiles, folder.files);
-            if (moved >= kTrimEvery) {
+            if (moved >= trimEvery) {
                 GiveBackFreedMemory();
                 moved = 0;
             }
