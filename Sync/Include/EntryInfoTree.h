@@ -72,11 +72,11 @@ public:
         map.insert(key, std::move(record));
     }
 
-    // Makes `records` the storage of `map`, which holds nothing yet, and hands each record to
+    // Makes `records` the storage of `map` (see RecordMap::Adopt) and hands each record to
     // `take` in order while it is pending; `take` settles it under its key or leaves it out,
-    // through the map. Stops when `take` returns false, leaving the rest out; returns whether
-    // every record was taken. No record is moved: a listing of 100,000 records and the tree
-    // made of it are never both in memory.
+    // through the map, and a record it does neither with is left out. Stops when `take`
+    // returns false, leaving the rest out; returns whether every record was taken. No record
+    // is moved: a listing of 100,000 records and the tree made of it are never both in memory.
     template <typename Record, typename Take>
     static bool AdoptEach(RecordMap<Record>& map, QVector<Record>&& records, Take take) {
         map.Adopt(std::move(records));
