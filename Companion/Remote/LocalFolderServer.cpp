@@ -1103,18 +1103,6 @@ QString DecodeListedName(const char* name) {
     return DecodeName(name);
 }
 
-// During a planning pass the trees already built name the same entries: a record listed takes
-// their strings for its equal texts at once, on the thread that lists it, so that its own copies
-// are freed where they were made and reused for the next entry instead of lingering in that
-// thread's memory until the tree is built.
-template <typename Record>
-void ShareTextsOfTrees(Record& record) {
-    using sync::syncService::EntryInfoTree;
-    if (!EntryInfoTree::TextSource::Active()) return;
-    QString key = EntryInfoTree::KeyOf(record.serverPath);
-    EntryInfoTree::ShareTexts(key, record);
-}
-
 // Lists single folders of one root's tree. The threads of a listing share one: listing a
 // folder changes nothing in it.
 class FolderLister {
@@ -1247,7 +1235,7 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
             if (!below.endsWith('/')) below += '/';
             below += name;
             out.subfolders.push_back(PendingFolder{below, f.serverPath, f.localPath});
-            ShareTextsOfTrees(f);
+            sync::syncService::EntryInfoTree::ShareListedTexts(f);
             out.folders.append(std::move(f));
         } else {
             File f;
@@ -1260,7 +1248,7 @@ int FolderLister::List(const PendingFolder& at, bool isRoot, FolderListing& out,
             f.privileges = privileges;
             f.privilegeInfo = PrivilegeInfo(privileges);
             f.lastModified = f.serverModified = ModifiedOf(st);
-            ShareTextsOfTrees(f);
+            sync::syncService::EntryInfoTree::ShareListedTexts(f);
             out.files.append(std::move(f));
         }
     }

@@ -219,6 +219,17 @@ public:
         }
     }
 
+    // For a server backend listing during a planning pass: the trees already built name the
+    // same entries, so a record listed takes their strings for its equal texts at once, on the
+    // thread that lists it. Its own copies are then freed where they were made and reused for
+    // the next entry instead of lingering until the tree is built.
+    template <typename Record>
+    static void ShareListedTexts(Record& record) {
+        if (!TextSource::Active()) return;
+        QString key = KeyOf(record.serverPath);
+        ShareTexts(key, record);
+    }
+
     // The key of a file record about to be put, its texts shared as ShareTexts does. A record
     // whose serverPath is already held elsewhere was given an earlier tree's texts as it was
     // read (a reader lending this thread's TextSource does that); a path without capitals is

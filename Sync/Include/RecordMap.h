@@ -65,11 +65,6 @@ public:
             _SkipRemoved();
             return *this;
         }
-        Iterator operator++(int) {
-            Iterator before = *this;
-            ++*this;
-            return before;
-        }
         bool operator==(const Iterator& o) const { return _i == o._i; }
         bool operator!=(const Iterator& o) const { return _i != o._i; }
 
@@ -93,16 +88,7 @@ public:
     RecordMap() : _d(std::make_shared<Data>()) {}
 
     qsizetype size() const { return _d->size; }
-    qsizetype count() const { return _d->size; }
     bool isEmpty() const { return _d->size == 0; }
-
-    void reserve(qsizetype count) {
-        _Detach();
-        _d->records.reserve(count);
-        _d->keys.reserve(count);
-        _d->live.reserve(static_cast<std::size_t>(count));
-    }
-    void clear() { _d = std::make_shared<Data>(); }
 
     bool contains(const QString& key) const { return _Find(key) >= 0; }
     Record value(const QString& key) const {
@@ -204,13 +190,27 @@ public:
         _Reserve(_d->size + 1);
         Data& d = *_d;
         const qsizetype at = d.settled++;
-        const qsizetype slot = _SlotOf(key);
-        if (slot >= 0) {
-            _Drop(static_cast<qsizetype>(d.table[static_cast<std::size_t>(slot)]) - 1);
-            d.table[static_cast<std::size_t>(slot)] = static_cast<quint32>(at + 1);
-        } else {
-            d.table[_FreeSlotFor(key)] = static_cast<quint32>(at + 1);
+        // One probe finds the record held under the key or the slot for a new one.
+        const std::size_t mask = d.table.size() - 1;
+        std::size_t reusable = d.table.size();
+        std::size_t slot = _Hash(key) & mask;
+        for (;; slot = (slot + 1) & mask) {
+            const quint32 entry = d.table[slot];
+            if (entry == Free) {
+                if (reusable != d.table.size()) {
+                    slot = reusable;
+                    --d.removedSlots;
+                }
+                break;
+            }
+            if (entry == Removed) {
+                if (reusable == d.table.size()) reusable = slot;
+            } else if (d.keys[static_cast<qsizetype>(entry) - 1] == key) {
+                _Drop(static_cast<qsizetype>(entry) - 1);
+                break;
+            }
         }
+        d.table[slot] = static_cast<quint32>(at + 1);
         d.keys[at] = key;
         d.live[static_cast<std::size_t>(at)] = true;
         ++d.size;
@@ -259,15 +259,6 @@ private:
         const qsizetype slot = _SlotOf(key);
         return slot < 0 ? -1
                         : static_cast<qsizetype>(_d->table[static_cast<std::size_t>(slot)]) - 1;
-    }
-    // A slot for a key that the table does not hold.
-    std::size_t _FreeSlotFor(const QString& key) {
-        Data& d = *_d;
-        const std::size_t mask = d.table.size() - 1;
-        std::size_t slot = _Hash(key) & mask;
-        while (d.table[slot] != Free && d.table[slot] != Removed) slot = (slot + 1) & mask;
-        if (d.table[slot] == Removed) --d.removedSlots;
-        return slot;
     }
     void _Append(Record&& record) {
         _d->records.append(std::move(record));

@@ -189,12 +189,8 @@ int FakeServer::_List(const QString& operation, Folder& root, bool directOnly,
             if (folders) folders->append(FolderRecord(*e, root));
         } else if (files) {
             files->append(FileRecord(*e, root));
-            // As the real backends do: a record listed during a planning pass takes the equal
-            // texts of the trees already built at once, so that its own copies do not linger.
-            if (sync::syncService::EntryInfoTree::TextSource::Active()) {
-                QString key = sync::syncService::EntryInfoTree::KeyOf(files->last().serverPath);
-                sync::syncService::EntryInfoTree::ShareTexts(key, files->last());
-            }
+            // As the real backends do, so that its own copies do not linger.
+            sync::syncService::EntryInfoTree::ShareListedTexts(files->last());
         }
     }
     root.setLastServerSyncRequestTime(QDateTime::currentDateTimeUtc());
