@@ -7,8 +7,11 @@
 #include <QtGlobal>
 #include <iterator>
 #include <memory>
+#include <stdexcept>
 #include <utility>
 #include <vector>
+
+#include "SharedText.h"
 
 namespace sync {
 namespace syncService {
@@ -30,13 +33,19 @@ class RecordMap {
         QVector<Record> records;
         QVector<QString> keys;       // parallel to records; empty for a pending or removed record
         std::vector<bool> live;      // parallel to records
-        std::vector<quint32> table;  // position + 1 of a record, Free or Removed
+        std::vector<quint32> table;  // Free, Removed, or a record's position + 1 and hash tag
         qsizetype size = 0;          // live records
         qsizetype settled = 0;       // records before this position are no longer pending
         qsizetype removedSlots = 0;  // Removed marks in the table
     };
     static constexpr quint32 Free = 0;
     static constexpr quint32 Removed = ~quint32(0);
+    // An entry keeps 6 bits of its key's hash above the position: a probe then compares the
+    // text of about one key in 64 that it passes, not every one (keys of one tree are often
+    // paths of the same length).
+    static constexpr int PositionBits = 26;
+    static constexpr quint32 PositionMask = (quint32(1) << PositionBits) - 1;
+    static constexpr qsizetype MaxRecords = PositionMask - 1;  // keeps entries off Removed
 
 public:
     template <bool Const>
@@ -147,7 +156,7 @@ public:
         _Detach();
         const qsizetype slot = _SlotOf(key);
         if (slot < 0) return 0;
-        _Drop(static_cast<qsizetype>(_d->table[static_cast<std::size_t>(slot)]) - 1);
+        _Drop(_At(_d->table[static_cast<std::size_t>(slot)]));
         _d->table[static_cast<std::size_t>(slot)] = Removed;
         ++_d->removedSlots;
         return 1;
@@ -160,6 +169,7 @@ public:
         Data& d = *_d;
         Q_ASSERT(!HasPending());
         if (d.records.isEmpty()) {
+            if (records.size() > MaxRecords) throw std::length_error("too many records in a tree");
             d.records = std::move(records);
             d.keys.resize(d.records.size());
             d.live.assign(static_cast<std::size_t>(d.records.size()), false);
@@ -193,7 +203,9 @@ public:
         // One probe finds the record held under the key or the slot for a new one.
         const std::size_t mask = d.table.size() - 1;
         std::size_t reusable = d.table.size();
-        std::size_t slot = _Hash(key) & mask;
+        const std::size_t hash = _Hash(key);
+        const quint32 tag = _Tag(hash);
+        std::size_t slot = hash & mask;
         for (;; slot = (slot + 1) & mask) {
             const quint32 entry = d.table[slot];
             if (entry == Free) {
@@ -205,12 +217,12 @@ public:
             }
             if (entry == Removed) {
                 if (reusable == d.table.size()) reusable = slot;
-            } else if (d.keys[static_cast<qsizetype>(entry) - 1] == key) {
-                _Drop(static_cast<qsizetype>(entry) - 1);
+            } else if ((entry & ~PositionMask) == tag && sync::config::SameText(d.keys[_At(entry)], key)) {
+                _Drop(_At(entry));
                 break;
             }
         }
-        d.table[slot] = static_cast<quint32>(at + 1);
+        d.table[slot] = _Entry(at, tag);
         d.keys[at] = key;
         d.live[static_cast<std::size_t>(at)] = true;
         ++d.size;
@@ -238,6 +250,13 @@ private:
 #endif
         return static_cast<std::size_t>(qHash(key, seed));
     }
+    static quint32 _Tag(std::size_t hash) {
+        // Bits above those that pick the slot of any table this side of 64 million records;
+        // Qt 5's hash has only 32 bits.
+        return (static_cast<quint32>(hash >> 26) & 63) << PositionBits;
+    }
+    static quint32 _Entry(qsizetype at, quint32 tag) { return tag | static_cast<quint32>(at + 1); }
+    static qsizetype _At(quint32 entry) { return static_cast<qsizetype>(entry & PositionMask) - 1; }
 
     void _Detach() {
         if (_d.use_count() > 1) _d = std::make_shared<Data>(*_d);
@@ -248,19 +267,22 @@ private:
         const Data& d = *_d;
         if (d.table.empty()) return -1;
         const std::size_t mask = d.table.size() - 1;
-        for (std::size_t slot = _Hash(key) & mask;; slot = (slot + 1) & mask) {
+        const std::size_t hash = _Hash(key);
+        const quint32 tag = _Tag(hash);
+        for (std::size_t slot = hash & mask;; slot = (slot + 1) & mask) {
             const quint32 entry = d.table[slot];
             if (entry == Free) return -1;
-            if (entry != Removed && d.keys[static_cast<qsizetype>(entry) - 1] == key)
+            if (entry != Removed && (entry & ~PositionMask) == tag &&
+                sync::config::SameText(d.keys[_At(entry)], key))
                 return static_cast<qsizetype>(slot);
         }
     }
     qsizetype _Find(const QString& key) const {
         const qsizetype slot = _SlotOf(key);
-        return slot < 0 ? -1
-                        : static_cast<qsizetype>(_d->table[static_cast<std::size_t>(slot)]) - 1;
+        return slot < 0 ? -1 : _At(_d->table[static_cast<std::size_t>(slot)]);
     }
     void _Append(Record&& record) {
+        if (_d->records.size() >= MaxRecords) throw std::length_error("too many records in a tree");
         _d->records.append(std::move(record));
         _d->keys.append(QString());
         _d->live.push_back(false);
@@ -284,9 +306,10 @@ private:
         const std::size_t mask = capacity - 1;
         for (qsizetype at = 0; at < d.settled; ++at) {
             if (!d.live[static_cast<std::size_t>(at)]) continue;
-            std::size_t slot = _Hash(d.keys[at]) & mask;
+            const std::size_t hash = _Hash(d.keys[at]);
+            std::size_t slot = hash & mask;
             while (d.table[slot] != Free) slot = (slot + 1) & mask;
-            d.table[slot] = static_cast<quint32>(at + 1);
+            d.table[slot] = _Entry(at, _Tag(hash));
         }
     }
 
