@@ -26,5 +26,21 @@ inline void ShareText(QString& mine, const QString& theirs) {
     mine = theirs;
 }
 
+// The last component of a path. With Qt 6 it is the end of the path's own text, which a
+// string may start inside of: a tree's name then costs no memory of its own. Changing either
+// string still copies it first, as for any shared text.
+inline QString LastComponentOf(const QString& path) {
+    const qsizetype from = path.lastIndexOf(QLatin1Char('/')) + 1;
+#if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
+    QString::DataPointer whole = path.data_ptr();
+    auto* header = whole.d_ptr();
+    if (!header || from == 0) return from == 0 ? path : path.mid(from);
+    header->ref();  // the tail's own reference; `whole` gives back the one it took
+    return QString(QString::DataPointer(header, whole.data() + from, whole.size - from));
+#else
+    return path.mid(from);
+#endif
+}
+
 }  // namespace config
 }  // namespace sync

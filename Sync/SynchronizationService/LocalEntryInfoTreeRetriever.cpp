@@ -1,6 +1,7 @@
 #include "LocalEntryInfoTreeRetriever.h"
 
 #include "ServerPaths.h"
+#include "SharedText.h"
 #include "SyncCodes.h"
 #include "SyncConsts.h"
 #include "SyncException.h"
@@ -139,7 +140,7 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
             FileConfiguration file;
             file.localPath = Exact(path);
             file.serverPath = sync::core::JoinServerPath(root.serverPath, pathBelowRoot);
-            file.name = Exact(info->FileName());
+            file.name = sync::config::LastComponentOf(file.localPath);
             file.lastModified = info->LastModified().toUTC();
             file.size = info->Size();
             file.rootId = root.rootId;
@@ -184,6 +185,9 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
                       filteredFolders);
 
     _AddGeneratedFiles(root, *tree, *checkForExit);
+    // The walk grew the records by doubling; the spare room would be held through the pass,
+    // alongside the other two trees. Giving it back now costs one move of each record.
+    tree->fileMap.squeeze();
     return tree;
 }
 
