@@ -233,14 +233,6 @@ public:
         _d->records[_d->settled] = Record();
         ++_d->settled;
     }
-    // Gives back the spare room the storage grew; nothing may be pending.
-    void squeeze() {
-        _Detach();
-        Q_ASSERT(!HasPending());
-        _d->records.squeeze();
-        _d->keys.squeeze();
-        _d->live.shrink_to_fit();
-    }
     // Leaves every pending record out.
     void LeaveRest() {
         _Detach();

@@ -185,9 +185,6 @@ std::shared_ptr<EntryInfoTree> LocalEntryInfoTreeRetriever::GetEntryInfoTree(
                       filteredFolders);
 
     _AddGeneratedFiles(root, *tree, *checkForExit);
-    // The walk grew the records by doubling; the spare room would be held through the pass,
-    // alongside the other two trees. Giving it back now costs one move of each record.
-    tree->fileMap.squeeze();
     return tree;
 }
 
