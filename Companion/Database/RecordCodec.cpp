@@ -1,5 +1,6 @@
 #include "RecordCodec.h"
 
+#include <algorithm>
 #include <QTimeZone>
 #include <cstring>
 
@@ -263,7 +264,7 @@ void RecordCodec::ReadFile(const Query& q, FileConfiguration& f) {
     f.lastModified = ReadTime(q, 11);
     f.size = q.Int64(13);
     f.transferDirection = q.Int(14);
-    f.properties = DecodeRecordProperties(q.Blob(15));
+    f.properties = DecodeFileProperties(q.Blob(15));
     f.lastTransferAttempt = ReadTime(q, 16);
     f.inheritedId = q.Int(18);
     f.generatedKind = q.Int(19);
@@ -342,7 +343,11 @@ QDateTime RecordCodec::ReadTime(const Query& q, int column) {
 
 // --- blobs ------------------------------------------------------------------------------------
 
-QByteArray RecordCodec::EncodeProperties(const QMap<QString, QString>& properties) {
+namespace {
+
+// Both map types keep their entries in key order; the blob lists them in that order.
+template <typename Map>
+QByteArray EncodeMap(const Map& properties) {
     if (properties.isEmpty()) return QByteArray();
     Writer w;
     w.UInt32(static_cast<quint32>(properties.size()));
@@ -351,6 +356,16 @@ QByteArray RecordCodec::EncodeProperties(const QMap<QString, QString>& propertie
         w.String(it.value());
     }
     return w.blob;
+}
+
+}  // namespace
+
+QByteArray RecordCodec::EncodeProperties(const QMap<QString, QString>& properties) {
+    return EncodeMap(properties);
+}
+
+QByteArray RecordCodec::EncodeProperties(const sync::config::PropertyMap& properties) {
+    return EncodeMap(properties);
 }
 
 QMap<QString, QString> RecordCodec::DecodeProperties(const QByteArray& blob) {
@@ -383,6 +398,25 @@ QMap<QString, QString> RecordCodec::DecodeRecordProperties(const QByteArray& blo
     lastBlob = blob;
     lastProperties = properties;
     return properties;
+}
+
+sync::config::PropertyMap RecordCodec::DecodeFileProperties(const QByteArray& blob) {
+    if (blob.isEmpty()) return {};
+    thread_local QByteArray lastBlob;
+    thread_local sync::config::PropertyMap lastProperties;
+    if (blob == lastBlob) return lastProperties;
+    Reader r(blob);
+    const quint32 count = r.UInt32();
+    std::vector<sync::config::PropertyMap::Entry> entries;
+    entries.reserve(std::min<quint32>(count, 8));  // a damaged count must not allocate much
+    for (quint32 i = 0; i < count && r.ok(); ++i) {
+        QString key = r.RecurringString();
+        QString value = r.RecurringString();
+        if (r.ok()) entries.emplace_back(std::move(key), std::move(value));
+    }
+    lastBlob = blob;
+    lastProperties = sync::config::PropertyMap::FromEntries(std::move(entries));
+    return lastProperties;
 }
 
 QByteArray RecordCodec::EncodeFileLinks(const QList<sync::config::FileLink>& links) {

@@ -68,11 +68,13 @@ public:
     static QDateTime ReadTime(const Query& q, int column);
 
     static QByteArray EncodeProperties(const QMap<QString, QString>& properties);
+    static QByteArray EncodeProperties(const sync::config::PropertyMap& properties);
     static QMap<QString, QString> DecodeProperties(const QByteArray& blob);
     // The properties of a file or folder record. A tree holds 100,000 records: short texts
     // that recur (names, version numbers) and maps equal to the previous record's are shared
     // instead of decoded anew. Not for account settings, which are kept no longer than asked.
     static QMap<QString, QString> DecodeRecordProperties(const QByteArray& blob);
+    static sync::config::PropertyMap DecodeFileProperties(const QByteArray& blob);
     static QByteArray EncodeFileLinks(const QList<sync::config::FileLink>& links);
     static QList<sync::config::FileLink> DecodeFileLinks(const QByteArray& blob);
     static QByteArray EncodeStrings(const QVector<QString>& strings);

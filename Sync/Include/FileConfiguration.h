@@ -7,6 +7,7 @@
 #include <QtGlobal>
 
 #include "FileLink.h"
+#include "PropertyMap.h"
 #include "SparseValue.h"
 #include "SyncEnums.h"
 
@@ -46,7 +47,7 @@ public:
     QString serverChecksum;
     SparseValue<QString> contentType;        // kept for the host; the engine does not read it
     SparseValue<QList<FileLink>> fileLinks;  // kept for the host
-    QMap<QString, QString> properties;
+    PropertyMap properties;  // server-side attributes, read like QMap<QString, QString>
     QDateTime created;  // kept for the host; the engine does not read it
     QDateTime lastModified;
     QDateTime lastTransferAttempt;           // time of the last transfer or deletion attempt

@@ -53,7 +53,8 @@ bool IsContentVersion(const QString& key) {
 
 // True when both maps hold the same entries apart from the content versions. Compared in place:
 // this runs for every entry of the root, and nearly always finds them equal.
-bool SameAttributes(const QMap<QString, QString>& server, const QMap<QString, QString>& config) {
+template <typename Map>
+bool SameAttributes(const Map& server, const Map& config) {
     auto s = server.constBegin();
     auto c = config.constBegin();
     for (;;) {
@@ -70,9 +71,9 @@ bool SameAttributes(const QMap<QString, QString>& server, const QMap<QString, QS
 // The server's attributes that do not describe content, with the content versions the
 // database holds: those are written only by the transfers, so that a failed transfer is seen
 // again in the next cycle.
-QMap<QString, QString> WithContentVersionsOf(const QMap<QString, QString>& serverProperties,
-                                             const QMap<QString, QString>& configProperties) {
-    QMap<QString, QString> merged = serverProperties;
+template <typename Map>
+Map WithContentVersionsOf(const Map& serverProperties, const Map& configProperties) {
+    Map merged = serverProperties;
     merged.remove(kVersion);
     merged.remove(kVersionId);
     for (const QString& key : {kVersion, kVersionId}) {

@@ -29,12 +29,15 @@ std::string Shown(const QString& s) {
     return s.isNull() ? std::string("<null>") : "'" + s.toStdString() + "'";
 }
 
-std::string Shown(const Properties& properties) {
+template <typename Map>
+std::string ShownMap(const Map& properties) {
     std::string text;
     for (auto it = properties.cbegin(); it != properties.cend(); ++it)
         text += Shown(it.key()) + "=" + Shown(it.value()) + " ";
     return text;
 }
+std::string Shown(const Properties& properties) { return ShownMap(properties); }
+std::string Shown(const sync::config::PropertyMap& properties) { return ShownMap(properties); }
 
 TEST(RecordCodecTest, PropertyMapsDecodeToTheirOwnValuesWhateverCameBefore) {
     const QString longValue(40, QLatin1Char('v'));
@@ -49,10 +52,13 @@ TEST(RecordCodecTest, PropertyMapsDecodeToTheirOwnValuesWhateverCameBefore) {
         {{"versionId", longValue}},             // too long to be shared
         {{"version", "1"}},
     };
+    // A file's properties are held in their own type; both decoders read the same blobs.
     for (const Properties& row : rows) {
-        const Properties read =
-            RecordCodec::DecodeRecordProperties(RecordCodec::EncodeProperties(row));
-        EXPECT_EQ(Shown(read), Shown(row));
+        const QByteArray blob = RecordCodec::EncodeProperties(row);
+        EXPECT_EQ(Shown(RecordCodec::DecodeRecordProperties(blob)), Shown(row));
+        const sync::config::PropertyMap file = RecordCodec::DecodeFileProperties(blob);
+        EXPECT_EQ(Shown(file), Shown(row));
+        EXPECT_EQ(RecordCodec::EncodeProperties(file), blob);
     }
 
     // Short texts share a small table of slots: many distinct values, each read twice far
@@ -62,15 +68,18 @@ TEST(RecordCodecTest, PropertyMapsDecodeToTheirOwnValuesWhateverCameBefore) {
     for (int pass = 0; pass < 2; ++pass)
         for (const QString& value : values) {
             const Properties read = RecordCodec::DecodeRecordProperties(
-                RecordCodec::EncodeProperties({{value, value + QLatin1Char('x')}}));
+                RecordCodec::EncodeProperties(Properties{{value, value + QLatin1Char('x')}}));
             ASSERT_EQ(Shown(read), Shown(Properties{{value, value + QLatin1Char('x')}}));
         }
 
     // A record that changes its map must not change the map of the next record read.
-    const QByteArray blob = RecordCodec::EncodeProperties({{"version", "3"}});
+    const QByteArray blob = RecordCodec::EncodeProperties(Properties{{"version", "3"}});
     Properties first = RecordCodec::DecodeRecordProperties(blob);
     first.insert("version", "4");
     EXPECT_EQ(RecordCodec::DecodeRecordProperties(blob).value("version"), QString("3"));
+    sync::config::PropertyMap firstFile = RecordCodec::DecodeFileProperties(blob);
+    firstFile["version"] = "4";
+    EXPECT_EQ(RecordCodec::DecodeFileProperties(blob).value("version"), QString("3"));
 }
 
 struct TextRow {

@@ -293,12 +293,15 @@ void Use(const QDateTime& t) {
     if (t.isValid()) Use(t.toString(Qt::ISODateWithMs));
     sink = sink + static_cast<size_t>(t.toMSecsSinceEpoch());
 }
-void Use(const QMap<QString, QString>& map) {
+template <typename Map>
+void UseMap(const Map& map) {
     for (auto it = map.cbegin(); it != map.cend(); ++it) {
         Use(it.key());
         Use(it.value());
     }
 }
+void Use(const QMap<QString, QString>& map) { UseMap(map); }
+void Use(const sync::config::PropertyMap& map) { UseMap(map); }
 void Use(const FolderConfiguration& f) {
     for (const QString* s : {&f.name, &f.serverAttribute, &f.path, &f.localPath, &f.serverPath,
                              &f.privilegeInfo, &f.serverRootPath, &f.serverFolderId})
