@@ -60,8 +60,12 @@ public:
         std::swap(_b, copy._b);
         return *this;
     }
-    PropertyMap& operator=(PropertyMap&& o) noexcept {
-        std::swap(_b, o._b);
+    PropertyMap& operator=(PropertyMap&& o) noexcept {  // leaves o empty, as QMap's does
+        if (this != &o) {
+            _Release(_b);
+            _b = o._b;
+            o._b = nullptr;
+        }
         return *this;
     }
     ~PropertyMap() { _Release(_b); }

@@ -33,7 +33,7 @@ TEST(PropertyMapTest, ReadsLikeAQMapThroughRandomChangesAndCopies) {
         const int i = int(random.bounded(3));
         const QString key = keys.at(int(random.bounded(keys.size())));
         const QString value = QString::number(random.bounded(5));
-        switch (random.bounded(6)) {
+        switch (random.bounded(7)) {
             case 0:
                 maps[i].insert(key, value);
                 models[i].insert(key, value);
@@ -54,6 +54,15 @@ TEST(PropertyMapTest, ReadsLikeAQMapThroughRandomChangesAndCopies) {
             case 4:
                 maps[i] = PropertyMap(models[i]);  // from a QMap
                 break;
+            case 5: {
+                // Moved from, a map is left empty, as a QMap is.
+                const int from = int(random.bounded(3));
+                PropertyMap moved = maps[from];
+                maps[i] = std::move(moved);
+                models[i] = models[from];
+                ASSERT_TRUE(moved.isEmpty());
+                break;
+            }
             default:
                 if (random.bounded(10) == 0) {
                     maps[i].clear();
