@@ -1,7 +1,7 @@
 #include "RecordCodec.h"
 
-#include <algorithm>
 #include <QTimeZone>
+#include <algorithm>
 #include <cstring>
 
 #include "Query.h"

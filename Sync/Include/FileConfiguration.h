@@ -48,7 +48,7 @@ public:
     SparseValue<QString> contentType;        // kept for the host; the engine does not read it
     SparseValue<QList<FileLink>> fileLinks;  // kept for the host
     PropertyMap properties;  // server-side attributes, read like QMap<QString, QString>
-    QDateTime created;  // kept for the host; the engine does not read it
+    QDateTime created;       // kept for the host; the engine does not read it
     QDateTime lastModified;
     QDateTime lastTransferAttempt;           // time of the last transfer or deletion attempt
     QDateTime serverModified = QDateTime();  // UTC; kept for the host

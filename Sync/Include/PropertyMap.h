@@ -1,8 +1,8 @@
 #pragma once
 
+#include <QAtomicInt>
 #include <QMap>
 #include <QString>
-#include <QAtomicInt>
 #include <algorithm>
 #include <initializer_list>
 #include <new>
@@ -147,14 +147,11 @@ private:
     };
     static_assert(sizeof(Block) % alignof(Entry) == 0, "entries follow the block");
 
-    const Entry* _First() const {
-        return _b ? reinterpret_cast<const Entry*>(_b + 1) : nullptr;
-    }
+    const Entry* _First() const { return _b ? reinterpret_cast<const Entry*>(_b + 1) : nullptr; }
     Entry* _Entries() { return reinterpret_cast<Entry*>(_b + 1); }
     const Entry* _Find(const QString& key) const {
-        const Entry* at = std::lower_bound(begin(), end(), key, [](const Entry& e, const QString& k) {
-            return e.first < k;
-        });
+        const Entry* at = std::lower_bound(
+            begin(), end(), key, [](const Entry& e, const QString& k) { return e.first < k; });
         return at != end() && at->first == key ? at : nullptr;
     }
     // The value under key in a map of its own, the key added when missing.

@@ -217,7 +217,8 @@ public:
             }
             if (entry == Removed) {
                 if (reusable == d.table.size()) reusable = slot;
-            } else if ((entry & ~PositionMask) == tag && sync::config::SameText(d.keys[_At(entry)], key)) {
+            } else if ((entry & ~PositionMask) == tag &&
+                       sync::config::SameText(d.keys[_At(entry)], key)) {
                 _Drop(_At(entry));
                 break;
             }
@@ -255,8 +256,12 @@ private:
         // Qt 5's hash has only 32 bits.
         return (static_cast<quint32>(hash >> 26) & 63) << PositionBits;
     }
-    static quint32 _Entry(qsizetype at, quint32 tag) { return tag | static_cast<quint32>(at + 1); }
-    static qsizetype _At(quint32 entry) { return static_cast<qsizetype>(entry & PositionMask) - 1; }
+    static quint32 _Entry(qsizetype at, quint32 tag) {
+        return tag | static_cast<quint32>(at + 1);
+    }
+    static qsizetype _At(quint32 entry) {
+        return static_cast<qsizetype>(entry & PositionMask) - 1;
+    }
 
     void _Detach() {
         if (_d.use_count() > 1) _d = std::make_shared<Data>(*_d);

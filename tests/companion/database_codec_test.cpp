@@ -36,8 +36,12 @@ std::string ShownMap(const Map& properties) {
         text += Shown(it.key()) + "=" + Shown(it.value()) + " ";
     return text;
 }
-std::string Shown(const Properties& properties) { return ShownMap(properties); }
-std::string Shown(const sync::config::PropertyMap& properties) { return ShownMap(properties); }
+std::string Shown(const Properties& properties) {
+    return ShownMap(properties);
+}
+std::string Shown(const sync::config::PropertyMap& properties) {
+    return ShownMap(properties);
+}
 
 TEST(RecordCodecTest, PropertyMapsDecodeToTheirOwnValuesWhateverCameBefore) {
     const QString longValue(40, QLatin1Char('v'));

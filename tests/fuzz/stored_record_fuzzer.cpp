@@ -300,8 +300,12 @@ void UseMap(const Map& map) {
         Use(it.value());
     }
 }
-void Use(const QMap<QString, QString>& map) { UseMap(map); }
-void Use(const sync::config::PropertyMap& map) { UseMap(map); }
+void Use(const QMap<QString, QString>& map) {
+    UseMap(map);
+}
+void Use(const sync::config::PropertyMap& map) {
+    UseMap(map);
+}
 void Use(const FolderConfiguration& f) {
     for (const QString* s : {&f.name, &f.serverAttribute, &f.path, &f.localPath, &f.serverPath,
                              &f.privilegeInfo, &f.serverRootPath, &f.serverFolderId})
