@@ -381,42 +381,49 @@ QMap<QString, QString> RecordCodec::DecodeProperties(const QByteArray& blob) {
     return properties;
 }
 
-QMap<QString, QString> RecordCodec::DecodeRecordProperties(const QByteArray& blob) {
-    QMap<QString, QString> properties;
-    if (blob.isEmpty()) return properties;
-    // Records read one after the other often carry the same properties: they share one map.
-    thread_local QByteArray lastBlob;
-    thread_local QMap<QString, QString> lastProperties;
-    if (blob == lastBlob) return lastProperties;
-    Reader r(blob);
-    const quint32 count = r.UInt32();
-    for (quint32 i = 0; i < count && r.ok(); ++i) {
-        QString key = r.RecurringString();
-        QString value = r.RecurringString();
-        if (r.ok()) properties.insert(key, value);
-    }
-    lastBlob = blob;
-    lastProperties = properties;
-    return properties;
-}
+namespace {
 
-sync::config::PropertyMap RecordCodec::DecodeFileProperties(const QByteArray& blob) {
-    if (blob.isEmpty()) return {};
-    thread_local QByteArray lastBlob;
-    thread_local sync::config::PropertyMap lastProperties;
-    if (blob == lastBlob) return lastProperties;
+// The entries of a properties blob in the order stored. Short texts that recur (names, version
+// numbers) are shared instead of decoded anew.
+std::vector<std::pair<QString, QString>> RecurringEntries(const QByteArray& blob) {
     Reader r(blob);
     const quint32 count = r.UInt32();
-    std::vector<sync::config::PropertyMap::Entry> entries;
+    std::vector<std::pair<QString, QString>> entries;
     entries.reserve(std::min<quint32>(count, 8));  // a damaged count must not allocate much
     for (quint32 i = 0; i < count && r.ok(); ++i) {
         QString key = r.RecurringString();
         QString value = r.RecurringString();
         if (r.ok()) entries.emplace_back(std::move(key), std::move(value));
     }
+    return entries;
+}
+
+// Records read one after the other often carry the same properties: they share one map.
+template <typename Map, typename Build>
+Map DecodeSharedMap(const QByteArray& blob, Build build) {
+    if (blob.isEmpty()) return Map();
+    thread_local QByteArray lastBlob;
+    thread_local Map lastProperties;
+    if (blob == lastBlob) return lastProperties;
+    lastProperties = build(RecurringEntries(blob));
     lastBlob = blob;
-    lastProperties = sync::config::PropertyMap::FromEntries(std::move(entries));
     return lastProperties;
+}
+
+}  // namespace
+
+QMap<QString, QString> RecordCodec::DecodeRecordProperties(const QByteArray& blob) {
+    return DecodeSharedMap<QMap<QString, QString>>(blob, [](auto&& entries) {
+        QMap<QString, QString> properties;
+        for (auto& entry : entries) properties.insert(entry.first, entry.second);
+        return properties;
+    });
+}
+
+sync::config::PropertyMap RecordCodec::DecodeFileProperties(const QByteArray& blob) {
+    return DecodeSharedMap<sync::config::PropertyMap>(blob, [](auto&& entries) {
+        return sync::config::PropertyMap::FromEntries(std::move(entries));
+    });
 }
 
 QByteArray RecordCodec::EncodeFileLinks(const QList<sync::config::FileLink>& links) {
